@@ -1,0 +1,5 @@
+#include "KorSysTS.h"
+
+namespace KorSysTS {
+char const* standInVersion() { return "KorSysTS stand-in 1.0"; }
+}  // namespace KorSysTS

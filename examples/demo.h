@@ -1,0 +1,4 @@
+// Sections of the example host; each shows one subsystem at work.
+#pragma once
+
+void demoThreads();

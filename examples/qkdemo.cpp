@@ -1,0 +1,12 @@
+// qkdemo: the example host. It plays the part of the application server
+// that links qkUtil and walks through the library's subsystems in turn.
+#include <cstdio>
+
+#include "demo.h"
+
+int main() {
+    std::printf("qkUtil example host\n");
+    demoThreads();
+    std::printf("\ndone.\n");
+    return 0;
+}

@@ -1,0 +1,7 @@
+// qkUtil: the kernel utility library. Including this header gives the whole
+// public interface.
+#pragma once
+
+#include "LinkedList.h"
+#include "qkExport.h"
+#include "qkThread.h"

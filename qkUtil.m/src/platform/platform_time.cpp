@@ -1,0 +1,28 @@
+// Ticks, sleeps and the high-resolution counter, all on CLOCK_MONOTONIC so
+// that wall-clock changes never disturb a time-out.
+#include <time.h>
+
+#include <cerrno>
+
+#include "platform/platform.h"
+
+namespace qk::platform {
+
+static int64_t monotonicNanos() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+uint32_t tickCount() { return static_cast<uint32_t>(monotonicNanos() / 1000000); }
+
+void sleepMs(unsigned ms) {
+    timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+int64_t perfCounter() { return monotonicNanos(); }
+int64_t perfFrequency() { return 1000000000; }
+
+}  // namespace qk::platform
