@@ -60,9 +60,11 @@ void demoThreads() {
             shared.finished.post();
         }
     }
-    for (int i = 0; i < kWorkers; ++i) shared.finished.wait();
+    for (int i = 0; i < kWorkers; ++i)
+        shared.finished.wait();
 
-    for (int i = 0; i < shared.entries; ++i) std::printf("  %s\n", shared.journal[i]);
+    for (int i = 0; i < shared.entries; ++i)
+        std::printf("  %s\n", shared.journal[i]);
     std::printf("  %d journal entries; the section admitted at most %d workers at once\n",
                 shared.entries, shared.section.maxDepth());
 
@@ -70,7 +72,8 @@ void demoThreads() {
     int ended = 0;
     for (int tries = 0; tries < 1000 && ended < kWorkers; ++tries) {
         ended = 0;
-        for (auto& w : workers) ended += qkThread::active(&w.state) == 0;
+        for (auto& w : workers)
+            ended += qkThread::active(&w.state) == 0;
         if (ended < kWorkers) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     std::printf("  %d of %d worker threads seen ended\n", ended, kWorkers);

@@ -13,7 +13,7 @@
 #include "qkExport.h"
 
 class QK_EXPORT LinkedList {
-public:
+  public:
     LinkedList() { init(); }
     ~LinkedList() { unlink(); }
     LinkedList(LinkedList const&) = delete;
@@ -51,7 +51,7 @@ public:
     LinkedList* prev() const { return prev_; }
     void* ref() const { return ref_; }
 
-private:
+  private:
     LinkedList* next_;
     LinkedList* prev_;
     void* ref_;

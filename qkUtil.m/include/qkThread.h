@@ -30,7 +30,7 @@ struct qkCriticalSection {
 };
 
 class QK_EXPORT QK_CAPABILITY("mutex") qkMutex {
-public:
+  public:
     qkMutex();
     virtual ~qkMutex();
     qkMutex(qkMutex const&) = delete;
@@ -51,7 +51,7 @@ public:
     // The calling thread's id, as a pointer-sized value.
     static void* id();
 
-private:
+  private:
     void takeOwnership() {
         owner_.store(id(), std::memory_order_relaxed);
         recursion = 0;
@@ -66,7 +66,7 @@ private:
 };
 
 class QK_EXPORT qkSemaphore {
-public:
+  public:
     explicit qkSemaphore(int initial = 0);
     ~qkSemaphore();
     qkSemaphore(qkSemaphore const&) = delete;
@@ -83,16 +83,16 @@ public:
 
     static constexpr int kMaximumCount = 0x0FFFFFFF;
 
-private:
-    qkMutex mutex;                // guards the counters
-    void* semaphore;              // the operating system's semaphore
-    std::atomic<int> count;       // initial + posts - waits
-    int initial;                  // the count given at construction
-    std::atomic<int> maxDepth_;   // largest initial - count after a wait
+  private:
+    qkMutex mutex;               // guards the counters
+    void* semaphore;             // the operating system's semaphore
+    std::atomic<int> count;      // initial + posts - waits
+    int initial;                 // the count given at construction
+    std::atomic<int> maxDepth_;  // largest initial - count after a wait
 };
 
 class QK_EXPORT qkThreadState {
-public:
+  public:
     qkThreadState() : handle(nullptr), active(0) {}
     virtual ~qkThreadState();
     qkThreadState(qkThreadState const& o);
@@ -107,7 +107,7 @@ public:
 };
 
 class QK_EXPORT qkThread {
-public:
+  public:
     // A new thread-local key; -1 when every key is taken.
     static int createInfoKey();
     // The calling thread's state under `key` (-1: the default key, made on

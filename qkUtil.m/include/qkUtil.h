@@ -4,4 +4,5 @@
 
 #include "LinkedList.h"
 #include "qkExport.h"
+#include "qkMemory.h"
 #include "qkThread.h"

@@ -26,15 +26,17 @@ std::unique_ptr<Item> makeItem(int id) {
 }
 
 class RingModel {
-public:
+  public:
     RingModel(int heads, int items) : heads_(heads), rings_(heads) {
-        for (int i = 0; i < items; ++i) items_.push_back(makeItem(i));
+        for (int i = 0; i < items; ++i)
+            items_.push_back(makeItem(i));
     }
 
     std::optional<std::pair<int, size_t>> find(int id) const {
         for (size_t r = 0; r < rings_.size(); ++r) {
             auto it = std::find(rings_[r].begin(), rings_[r].end(), id);
-            if (it != rings_[r].end()) return std::make_pair(int(r), size_t(it - rings_[r].begin()));
+            if (it != rings_[r].end())
+                return std::make_pair(int(r), size_t(it - rings_[r].begin()));
         }
         return std::nullopt;
     }
@@ -107,7 +109,7 @@ public:
     void* refOf(int id) const { return items_[id]->node.ref(); }
     Item* item(int id) const { return items_[id].get(); }
 
-private:
+  private:
     std::vector<LinkedList> heads_;
     std::vector<std::vector<int>> rings_;
     std::vector<std::unique_ptr<Item>> items_;

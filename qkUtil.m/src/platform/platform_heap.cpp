@@ -28,15 +28,31 @@ void __libc_free(void*);
 namespace qk::platform {
 
 #ifdef QK_RAW_THROUGH_MALLOC
-void* rawAlloc(size_t size) { return std::malloc(size); }
-void* rawCalloc(size_t count, size_t size) { return std::calloc(count, size); }
-void* rawRealloc(void* p, size_t size) { return std::realloc(p, size); }
-void rawFree(void* p) { std::free(p); }
+void* rawAlloc(size_t size) {
+    return std::malloc(size);
+}
+void* rawCalloc(size_t count, size_t size) {
+    return std::calloc(count, size);
+}
+void* rawRealloc(void* p, size_t size) {
+    return std::realloc(p, size);
+}
+void rawFree(void* p) {
+    std::free(p);
+}
 #else
-void* rawAlloc(size_t size) { return __libc_malloc(size); }
-void* rawCalloc(size_t count, size_t size) { return __libc_calloc(count, size); }
-void* rawRealloc(void* p, size_t size) { return __libc_realloc(p, size); }
-void rawFree(void* p) { __libc_free(p); }
+void* rawAlloc(size_t size) {
+    return __libc_malloc(size);
+}
+void* rawCalloc(size_t count, size_t size) {
+    return __libc_calloc(count, size);
+}
+void* rawRealloc(void* p, size_t size) {
+    return __libc_realloc(p, size);
+}
+void rawFree(void* p) {
+    __libc_free(p);
+}
 #endif
 
 char* rawStrdup(char const* s) {

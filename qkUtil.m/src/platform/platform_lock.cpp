@@ -32,12 +32,18 @@ void lockInit(qkCriticalSection* section) {
     pthread_mutexattr_destroy(&attr);
 }
 
-void lockDestroy(qkCriticalSection* section) { pthread_mutex_destroy(asMutex(section)); }
-void lockEnter(qkCriticalSection* section) { pthread_mutex_lock(asMutex(section)); }
+void lockDestroy(qkCriticalSection* section) {
+    pthread_mutex_destroy(asMutex(section));
+}
+void lockEnter(qkCriticalSection* section) {
+    pthread_mutex_lock(asMutex(section));
+}
 bool lockTryEnter(qkCriticalSection* section) {
     return pthread_mutex_trylock(asMutex(section)) == 0;
 }
-void lockLeave(qkCriticalSection* section) { pthread_mutex_unlock(asMutex(section)); }
+void lockLeave(qkCriticalSection* section) {
+    pthread_mutex_unlock(asMutex(section));
+}
 
 namespace {
 struct Semaphore {
@@ -89,7 +95,8 @@ void semWait(void* handle) {
     Semaphore* sem = static_cast<Semaphore*>(handle);
     if (!sem) return;
     pthread_mutex_lock(&sem->mutex);
-    while (sem->count == 0) pthread_cond_wait(&sem->available, &sem->mutex);
+    while (sem->count == 0)
+        pthread_cond_wait(&sem->available, &sem->mutex);
     sem->count -= 1;
     pthread_mutex_unlock(&sem->mutex);
 }

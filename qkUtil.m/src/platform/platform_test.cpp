@@ -23,7 +23,8 @@ TEST(Platform, TlsSlotsAreHandedOutOnceAndReused) {
     int some = *slots.begin();
     plat::tlsFree(some);
     EXPECT_EQ(plat::tlsAlloc(), some);
-    for (int s : slots) plat::tlsFree(s);
+    for (int s : slots)
+        plat::tlsFree(s);
 }
 
 TEST(Platform, SemaphoreRefusesToExceedItsMaximum) {
@@ -75,7 +76,8 @@ TEST(Platform, RawHeapRoundTrips) {
     plat::rawFree(copy);
     int* zeros = static_cast<int*>(plat::rawCalloc(100, sizeof(int)));
     ASSERT_NE(zeros, nullptr);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(zeros[i], 0);
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(zeros[i], 0);
     plat::rawFree(zeros);
 }
 

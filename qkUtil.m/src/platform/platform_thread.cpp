@@ -88,7 +88,9 @@ static void threadExitHook(void* value) {
     releaseRecord(record);
 }
 
-static void makeExitKey() { pthread_key_create(&exitKey, threadExitHook); }
+static void makeExitKey() {
+    pthread_key_create(&exitKey, threadExitHook);
+}
 
 void* threadHandleDup() {
     ThreadRecord* record = currentRecord;

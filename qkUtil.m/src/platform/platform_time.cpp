@@ -14,7 +14,9 @@ static int64_t monotonicNanos() {
     return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
-uint32_t tickCount() { return static_cast<uint32_t>(monotonicNanos() / 1000000); }
+uint32_t tickCount() {
+    return static_cast<uint32_t>(monotonicNanos() / 1000000);
+}
 
 void sleepMs(unsigned ms) {
     timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
@@ -22,7 +24,11 @@ void sleepMs(unsigned ms) {
     }
 }
 
-int64_t perfCounter() { return monotonicNanos(); }
-int64_t perfFrequency() { return 1000000000; }
+int64_t perfCounter() {
+    return monotonicNanos();
+}
+int64_t perfFrequency() {
+    return 1000000000;
+}
 
 }  // namespace qk::platform

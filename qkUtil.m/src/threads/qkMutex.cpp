@@ -5,11 +5,17 @@
 
 namespace plat = qk::platform;
 
-qkMutex::qkMutex() : owner_(nullptr), recursion(0) { plat::lockInit(&section); }
+qkMutex::qkMutex() : owner_(nullptr), recursion(0) {
+    plat::lockInit(&section);
+}
 
-qkMutex::~qkMutex() { plat::lockDestroy(&section); }
+qkMutex::~qkMutex() {
+    plat::lockDestroy(&section);
+}
 
-void* qkMutex::id() { return reinterpret_cast<void*>(plat::threadId()); }
+void* qkMutex::id() {
+    return reinterpret_cast<void*>(plat::threadId());
+}
 
 void qkMutex::lock() {
     if (owner() == id()) {

@@ -49,7 +49,8 @@ TEST(qkMutex, NestedLockingUnderContentionLosesNoUpdate) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kRounds; ++i) {
                 if ((i + t) % 3 == 0) {
-                    while (!m.trylock(0)) std::this_thread::yield();
+                    while (!m.trylock(0))
+                        std::this_thread::yield();
                 } else {
                     m.lock();
                 }
@@ -62,7 +63,8 @@ TEST(qkMutex, NestedLockingUnderContentionLosesNoUpdate) {
             }
         });
     }
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_EQ(counter, static_cast<long long>(kThreads) * kRounds);
     EXPECT_EQ(m.owner(), nullptr);
 }
@@ -73,10 +75,12 @@ TEST(qkMutex, TrylockTimesOutRoughlyOnTimeAndSucceedsOnceFreed) {
     std::thread holder([&] {
         m.lock();
         held = true;
-        while (!release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        while (!release)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         m.unlock();
     });
-    while (!held) std::this_thread::yield();
+    while (!held)
+        std::this_thread::yield();
 
     auto t0 = Clock::now();
     EXPECT_EQ(m.trylock(0), 0);

@@ -11,7 +11,9 @@ qkSemaphore::qkSemaphore(int initial)
       initial(initial),
       maxDepth_(0) {}
 
-qkSemaphore::~qkSemaphore() { plat::semDestroy(semaphore); }
+qkSemaphore::~qkSemaphore() {
+    plat::semDestroy(semaphore);
+}
 
 void qkSemaphore::post() {
     mutex.lock();

@@ -56,7 +56,8 @@ TEST(qkSemaphore, NeverAdmitsMoreThanItsCount) {
             }
         });
     }
-    for (auto& t : threads) t.join();
+    for (auto& t : threads)
+        t.join();
     EXPECT_LE(most.load(), kSlots);
     EXPECT_EQ(sem.depth(), 0);
     EXPECT_GE(sem.maxDepth(), 1);
@@ -73,7 +74,8 @@ TEST(qkSemaphore, ProducerConsumerHandsOverEveryUnit) {
             ++consumed;
         }
     });
-    for (int i = 0; i < kUnits; ++i) items.post();
+    for (int i = 0; i < kUnits; ++i)
+        items.post();
     consumer.join();
     EXPECT_EQ(consumed.load(), kUnits);
     EXPECT_EQ(items.depth(), 0);

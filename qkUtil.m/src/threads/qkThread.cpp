@@ -12,7 +12,9 @@ namespace plat = qk::platform;
 
 int qkThread::_defaultInfoKey = -1;
 
-qkThreadState::~qkThreadState() { plat::threadHandleClose(handle); }
+qkThreadState::~qkThreadState() {
+    plat::threadHandleClose(handle);
+}
 
 // A copy holds its own reference to the same thread.
 qkThreadState::qkThreadState(qkThreadState const& o)
@@ -30,7 +32,9 @@ qkThreadState& qkThreadState::operator=(qkThreadState const& o) {
     return *this;
 }
 
-int qkThread::createInfoKey() { return plat::tlsAlloc(); }
+int qkThread::createInfoKey() {
+    return plat::tlsAlloc();
+}
 
 // The default key is made on first use. Threads that race for it agree on
 // one key: the loser of the exchange gives its own key back.
@@ -49,7 +53,9 @@ qkThreadState* qkThread::getInfo(int key) {
     return static_cast<qkThreadState*>(plat::tlsGet(key));
 }
 
-qkThreadState* qkThread::getInfo() { return getInfo(-1); }
+qkThreadState* qkThread::getInfo() {
+    return getInfo(-1);
+}
 
 void qkThread::setInfo(int key, qkThreadState* state) {
     if (key == -1) key = defaultKey();
@@ -62,7 +68,9 @@ void qkThread::setInfo(int key, qkThreadState* state) {
     }
 }
 
-void qkThread::setInfo(qkThreadState* state) { setInfo(-1, state); }
+void qkThread::setInfo(qkThreadState* state) {
+    setInfo(-1, state);
+}
 
 unsigned char qkThread::active(qkThreadState* state) {
     if (state->handle && plat::threadHandleEnded(state->handle)) {
@@ -79,4 +87,6 @@ int qkThread::create(int (*routine)(void*), void* arg, int stackSize) {
     return plat::threadCreate(routine, arg, stackSize) ? 1 : 0;
 }
 
-void* qkThread::id() { return qkMutex::id(); }
+void* qkThread::id() {
+    return qkMutex::id();
+}

@@ -15,7 +15,8 @@ using namespace std::chrono_literals;
 
 // Polls until `flag` is set; false after ~10 s.
 bool waitFor(std::atomic<int>& flag) {
-    for (int i = 0; i < 10000 && !flag; ++i) std::this_thread::sleep_for(1ms);
+    for (int i = 0; i < 10000 && !flag; ++i)
+        std::this_thread::sleep_for(1ms);
     return flag != 0;
 }
 
@@ -61,9 +62,11 @@ TEST(qkThread, ActiveTurnsZeroWhenTheThreadEndsAndStaysZero) {
     std::thread worker([&] {
         qkThread::setInfo(&state);
         bound = true;
-        while (!finish) std::this_thread::sleep_for(1ms);
+        while (!finish)
+            std::this_thread::sleep_for(1ms);
     });
-    while (!bound) std::this_thread::yield();
+    while (!bound)
+        std::this_thread::yield();
     EXPECT_EQ(qkThread::active(&state), 1);
     qkThreadState copy = state;  // a copy follows the same thread
     EXPECT_EQ(qkThread::active(&copy), 1);
@@ -124,7 +127,8 @@ TEST(qkThread, CreateRunsTheRoutineWithTheAskedStackAndItsEndIsSeen) {
 TEST(qkThread, ManyShortThreadsAllEnd) {
     constexpr int kThreads = 32;
     static CreateProbe probes[kThreads];
-    for (auto& probe : probes) ASSERT_EQ(qkThread::create(probeRoutine, &probe, 0), 1);
+    for (auto& probe : probes)
+        ASSERT_EQ(qkThread::create(probeRoutine, &probe, 0), 1);
     for (auto& probe : probes) {
         ASSERT_TRUE(waitFor(probe.ran));
         ASSERT_TRUE(waitInactive(&probe.state));
