@@ -46,12 +46,14 @@ deps:
 bench-deps: deps
 	$(call ensure,$(BENCH_PKGS))
 
+DEV_ARGS := -DQKUTIL_BUILD_TESTS=ON -DQKUTIL_BUILD_EXAMPLES=ON
+
 demo: deps
-	$(call build,build)
+	$(call build,build,$(DEV_ARGS))
 	./build/examples/qkdemo
 
 test: deps
-	$(call build,build)
+	$(call build,build,$(DEV_ARGS))
 	cd build && ctest --output-on-failure -j $(JOBS)
 
 bench: bench-deps
@@ -59,21 +61,21 @@ bench: bench-deps
 	$(CMAKE) --build build-bench --target run-benchmarks
 
 asan: deps
-	$(call build,build-asan,-DQKUTIL_SANITIZE=address)
+	$(call build,build-asan,$(DEV_ARGS) -DQKUTIL_SANITIZE=address)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
 	  ctest --output-on-failure -j $(JOBS) $(SAN_TEST_EXCLUDE)
 
 tsan: deps
-	$(call build,build-tsan,-DQKUTIL_SANITIZE=thread)
+	$(call build,build-tsan,$(DEV_ARGS) -DQKUTIL_SANITIZE=thread)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  setarch $$(uname -m) -R ctest --output-on-failure -j $(JOBS) $(SAN_TEST_EXCLUDE)
 
 install: deps
-	$(call build,build,-DQKUTIL_BUILD_TESTS=OFF -DQKUTIL_BUILD_EXAMPLES=OFF)
-	$(CMAKE) --install build --prefix $(PREFIX)
+	$(call build,build-install,-DQKUTIL_BUILD_TESTS=OFF -DQKUTIL_BUILD_EXAMPLES=OFF)
+	$(CMAKE) --install build-install --prefix $(PREFIX)
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-bench build-asan build-tsan
+	rm -rf build build-bench build-asan build-tsan build-install
