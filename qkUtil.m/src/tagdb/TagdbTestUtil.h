@@ -111,6 +111,51 @@ inline void fillLeaf(TagdbNode* n, std::vector<std::string> const& records) {
     n->store->markModified(n);
 }
 
+// Makes node 0 an inner node of level 2 over the given leaves.
+inline void setRootChildren(TagdbStore* s, std::vector<long long> const& ids) {
+    TagdbNodeRef root;
+    ASSERT_EQ(s->loadNode(0, root), TagdbCommon::Ok);
+    TagdbNode* n = root.node;
+    n->clear();
+    n->type = TagdbNode::Inner;
+    n->level = 2;
+    for (size_t i = 0; i < ids.size(); ++i) {
+        n->keys[i] = i + 1 < ids.size() ? key("c" + std::to_string(ids[i])) : nullptr;
+        n->values[i].id = ids[i];
+    }
+    n->count = static_cast<int>(ids.size());
+    s->markModified(n);
+}
+
+inline std::vector<long long> rootChildren(TagdbStore* s) {
+    TagdbNodeRef root;
+    EXPECT_EQ(s->loadNode(0, root), TagdbCommon::Ok);
+    std::vector<long long> ids;
+    for (int i = 0; root.node && i < root.node->count; ++i)
+        ids.push_back(root.node->values[i].id);
+    return ids;
+}
+
+// The records of a leaf, or "<failed>" when it cannot be loaded.
+inline std::vector<std::string> leafRecords(TagdbStore* s, long long id) {
+    TagdbNodeRef ref;
+    if (s->loadNode(id, ref) != TagdbCommon::Ok) return {"<failed>"};
+    std::vector<std::string> out;
+    for (auto const& entry : leafOf(ref.node))
+        out.push_back(entry.second);
+    return out;
+}
+
+// A new leaf holding records, cached as the tree caches a new node.
+inline long long addLeaf(TagdbStore* s, std::vector<std::string> const& records) {
+    TagdbNodeRef ref;
+    EXPECT_EQ(s->newNode(ref), TagdbCommon::Ok);
+    if (!ref.node) return -1;
+    fillLeaf(ref.node, records);
+    EXPECT_EQ(s->cacheInsert(ref.node), TagdbCommon::Ok);
+    return ref.node->id;
+}
+
 inline TagdbStore* openStore(Tagdb& db, std::string const& name) {
     EXPECT_EQ(
         db.open(name.c_str(), TagdbStringKey::newInstance, TagdbBlobRecord::newInstance, nullptr),
