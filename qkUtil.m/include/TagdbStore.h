@@ -146,7 +146,7 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
                void* userData);
 
     int cacheSize() const;
-    Status readVersionFile();
+    Status readVersionFile(int& v);
     Status reloadIndex(int v);
     void dropMoved(int const* oldVersions, long long oldCount);
     Status readNode(TagdbNode* node);

@@ -146,33 +146,50 @@ TagdbCommon::Status TagdbStore::begin() {
         locked = 1;
     }
     int old = version;
-    if (owner->transMode == Recreate) {
-        version = 1;
-    } else if (readVersionFile() != Ok) {
-        return Failed;
+    int v = 1;  // Recreate starts over without reading anything
+    if (owner->transMode != Recreate && readVersionFile(v) != Ok) return Failed;
+    for (int attempt = 1;; ++attempt) {
+        if (v == old) return Ok;  // the cache stays valid
+        if (reloadIndex(v) == Ok) {
+            version = v;
+            return Restart;
+        }
+        // A reader without the lock may have been overtaken: the index of
+        // the version it read is already superseded and removed. Only an
+        // index that fails while the version stays put is broken.
+        int again = 0;
+        if (owner->transMode == Recreate || attempt >= kVersionAttempts ||
+            readVersionFile(again) != Ok || again == v) {
+            break;
+        }
+        v = again;
     }
-    if (version == old) return Ok;  // the cache stays valid
-    if (reloadIndex(version) != Ok) {
-        // The tables still describe the old version; forget which one, so
-        // the next begin reloads.
-        version = 0;
-        return Failed;
-    }
-    return Restart;
+    // The tables still describe the old version; forget which one, so that
+    // the next begin reloads.
+    version = 0;
+    return Failed;
 }
 
-// Reads the version file into `version`. A store without one is new: its
-// version file is created holding 1.
-TagdbCommon::Status TagdbStore::readVersionFile() {
+// Reads the store version from the version file. A store without one is
+// new: its version file is created holding 1. A writer truncates and
+// rewrites the file, so a reader may find it empty for a moment; such reads
+// are tried again.
+TagdbCommon::Status TagdbStore::readVersionFile(int& v) {
     for (int attempt = 0; attempt < kVersionAttempts; ++attempt) {
-        int creations = 0;
-        while (file->open(versionPath(), ReadMode) != Ok) {
-            if (++creations > kVersionAttempts || writeVersion(1) != Ok) return Failed;
+        if (file->open(versionPath(), ReadMode) != Ok) {
+            // An open that fails for a passing reason must not reset an
+            // existing store to empty: the file counts as missing only when
+            // a second open, a moment later, fails as well.
+            qk::platform::sleepMs(kVersionRetryMs);
+            int creations = 0;
+            while (file->open(versionPath(), ReadMode) != Ok) {
+                if (++creations > kVersionAttempts || writeVersion(1) != Ok) return Failed;
+            }
         }
-        int v = 0;
-        Status got = file->readInteger(v);
-        if (file->close() == Ok && got == Ok && v >= 1) {
-            version = v;
+        int read = 0;
+        Status got = file->readInteger(read);
+        if (file->close() == Ok && got == Ok && read >= 1) {
+            v = read;
             return Ok;
         }
         qk::platform::sleepMs(kVersionRetryMs);
