@@ -1,8 +1,12 @@
-// A TagdbLocalFile that fails on command, for fault-injection tests: either
-// the n-th primitive operation from now (once), or every open for writing.
+// A TagdbLocalFile that fails on command, for fault-injection tests: chosen
+// primitive operations (counted from the last arm()), or every open for
+// writing. A failed open leaves the file untouched; a failed close closes
+// the descriptor but reports failure, as if the last bytes had been lost.
 #pragma once
 
+#include <algorithm>
 #include <new>
+#include <vector>
 
 #include "TagdbFile.h"
 
@@ -12,27 +16,28 @@ class FaultFile : public TagdbLocalFile {
   public:
     static TagdbFile* newInstance() { return new (std::nothrow) FaultFile(); }
 
-    // The n-th operation from now fails (n >= 1); 0 disables.
-    static void failAfter(long n) { countdown() = n; }
-    // Every open in WriteMode fails while set.
-    static void failWriteOpens(bool on) { writeOpensFail() = on; }
-    // Operations seen since the last failAfter.
-    static long& operations() {
-        static long n = 0;
-        return n;
+    // The operations with these numbers (1 = the next one) fail.
+    static void arm(std::vector<long> points) {
+        state().points = std::move(points);
+        state().operations = 0;
     }
+    static void disarm() { state().points.clear(); }
+    // Operations seen since the last arm().
+    static long operations() { return state().operations; }
+    // Every open in WriteMode fails while set.
+    static void failWriteOpens(bool on) { state().writeOpensFail = on; }
 
     Status open(char const* path, FileMode m) override {
-        if (m == WriteMode && writeOpensFail()) {
+        if ((m == WriteMode && state().writeOpensFail) || fault()) {
             TagdbLocalFile::close();
             return Failed;
         }
-        return fault() ? (TagdbLocalFile::close(), Failed) : TagdbLocalFile::open(path, m);
+        return TagdbLocalFile::open(path, m);
     }
     Status close() override {
         if (!isOpen()) return Ok;
         Status st = TagdbLocalFile::close();
-        return fault() ? Failed : st;  // as if the last bytes did not make it
+        return fault() ? Failed : st;
     }
     Status read(void* buf, int size, int& got) override {
         got = 0;
@@ -44,17 +49,19 @@ class FaultFile : public TagdbLocalFile {
     Status lock(char const* name) override { return fault() ? Failed : TagdbLocalFile::lock(name); }
 
   private:
-    static long& countdown() {
-        static long n = 0;
-        return n;
-    }
-    static bool& writeOpensFail() {
-        static bool on = false;
-        return on;
+    struct State {
+        std::vector<long> points;
+        long operations = 0;
+        bool writeOpensFail = false;
+    };
+    static State& state() {
+        static State s;
+        return s;
     }
     static bool fault() {
-        ++operations();
-        return countdown() > 0 && --countdown() == 0;
+        long n = ++state().operations;
+        auto const& p = state().points;
+        return std::find(p.begin(), p.end(), n) != p.end();
     }
 };
 
