@@ -1,6 +1,6 @@
-// Helpers shared by the tag database tests: a scratch directory, whole-file
-// access, keys and records made from values, and a node's entries as plain
-// strings for comparison with a model.
+// Helpers shared by the tag database tests: a scratch directory, whole files,
+// stored forms spelled out byte by byte, keys and records from strings, and
+// node-layer edits that report failure as a status (the tree comes later).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "Tagdb.h"
@@ -20,25 +20,22 @@ namespace tagdbtest {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<unsigned char>;
+using T = TagdbCommon;
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class TempDir {
   public:
     TempDir() {
         char const* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base && *base ? base : "/tmp") + "/tagdbtestXXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back(0);
-        if (!mkdtemp(buf.data())) ADD_FAILURE() << "mkdtemp failed";
-        path_ = buf.data();
+        std::string p = std::string(base && *base ? base : "/tmp") + "/tagdbtestXXXXXX";
+        if (!mkdtemp(p.data())) ADD_FAILURE() << "mkdtemp failed";
+        path_ = p;
     }
     ~TempDir() {
         std::error_code ec;
         fs::remove_all(path_, ec);
     }
-    std::string const& path() const { return path_; }
     std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-    // The names of the files in the directory.
     std::set<std::string> files() const {
         std::set<std::string> names;
         for (auto const& e : fs::directory_iterator(path_))
@@ -54,11 +51,35 @@ inline Bytes readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), {});
 }
+inline void writeFile(std::string const& path, Bytes const& b) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<char const*>(b.data()), static_cast<std::streamsize>(b.size()));
+}
+// Every file of the directory with its bytes.
+inline std::map<std::string, Bytes> snapshot(TempDir const& dir) {
+    std::map<std::string, Bytes> out;
+    for (auto const& f : dir.files())
+        out[f] = readFile(dir / f);
+    return out;
+}
 
-inline void writeFile(std::string const& path, Bytes const& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<char const*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+// Little-endian numbers, texts with their NUL, and concatenation.
+inline Bytes le(long long v, int width) {
+    Bytes b;
+    for (int i = 0; i < width; ++i)
+        b.push_back(static_cast<unsigned char>(static_cast<unsigned long long>(v) >> (8 * i)));
+    return b;
+}
+inline Bytes sz(std::string const& s) {
+    Bytes b(s.begin(), s.end());
+    b.push_back(0);
+    return b;
+}
+inline Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (Bytes const& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
 }
 
 // Opens the protected factories of the library's key and record classes.
@@ -68,7 +89,6 @@ struct Key : TagdbStringKey {
 struct Rec : TagdbBlobRecord {
     using TagdbBlobRecord::newInstance;
 };
-
 inline TagdbKey* key(std::string const& s) {
     return Key::newInstance(s.c_str());
 }
@@ -80,25 +100,20 @@ inline std::string text(TagdbKey* k) {
     return s ? s : "<null>";
 }
 inline std::string text(TagdbRecord* r) {
-    if (!r) return "<null>";
-    void const* p;
-    int n;
-    static_cast<TagdbBlobRecord*>(r)->getData(p, n);
-    return p ? std::string(static_cast<char const*>(p), static_cast<size_t>(n)) : "<nodata>";
+    void const* p = nullptr;
+    int n = 0;
+    if (r) static_cast<TagdbBlobRecord*>(r)->getData(p, n);
+    return p ? std::string(static_cast<char const*>(p), static_cast<size_t>(n)) : "<null>";
 }
 
-// A leaf's content as (key, record) texts; the last key is always empty.
-using Leaf = std::vector<std::pair<std::string, std::string>>;
-
-inline Leaf leafOf(TagdbNode* n) {
-    Leaf out;
-    for (int i = 0; i < n->count; ++i)
-        out.emplace_back(text(n->keys[i]), text(n->values[i].record));
-    return out;
+inline TagdbStore* openStore(Tagdb& db, std::string const& name) {
+    EXPECT_EQ(
+        db.open(name.c_str(), TagdbStringKey::newInstance, TagdbBlobRecord::newInstance, nullptr),
+        T::Ok);
+    return db.getCurrent();
 }
 
-// Replaces a node's entries by leaf-entries: every key but the last is set,
-// every record is set.
+// Makes n a leaf holding `records`, keyed "k<i><record>", the last key empty.
 inline void fillLeaf(TagdbNode* n, std::vector<std::string> const& records) {
     n->clear();
     n->type = TagdbNode::Leaf;
@@ -111,10 +126,35 @@ inline void fillLeaf(TagdbNode* n, std::vector<std::string> const& records) {
     n->store->markModified(n);
 }
 
+// Loads leaf id and replaces its records.
+inline T::Status change(TagdbStore* s, long long id, std::vector<std::string> const& records) {
+    TagdbNodeRef ref;
+    if (s->loadNode(id, ref) != T::Ok) return T::Failed;
+    fillLeaf(ref.node, records);
+    return s->cacheTouch(ref.node);
+}
+
+// A new leaf holding records, cached as the tree caches a new node.
+inline T::Status addLeaf(TagdbStore* s, std::vector<std::string> const& records,
+                         long long* id = nullptr) {
+    TagdbNodeRef ref;
+    if (s->newNode(ref) != T::Ok) return T::Failed;
+    fillLeaf(ref.node, records);
+    if (id) *id = ref.node->id;
+    return s->cacheInsert(ref.node);
+}
+
+inline T::Status freeLeaf(TagdbStore* s, long long id) {
+    TagdbNodeRef ref;
+    if (s->loadNode(id, ref) != T::Ok) return T::Failed;
+    s->freeNode(ref.node);
+    return T::Ok;
+}
+
 // Makes node 0 an inner node of level 2 over the given leaves.
-inline void setRootChildren(TagdbStore* s, std::vector<long long> const& ids) {
+inline T::Status setRoot(TagdbStore* s, std::vector<long long> const& ids) {
     TagdbNodeRef root;
-    ASSERT_EQ(s->loadNode(0, root), TagdbCommon::Ok);
+    if (s->loadNode(0, root) != T::Ok) return T::Failed;
     TagdbNode* n = root.node;
     n->clear();
     n->type = TagdbNode::Inner;
@@ -125,42 +165,19 @@ inline void setRootChildren(TagdbStore* s, std::vector<long long> const& ids) {
     }
     n->count = static_cast<int>(ids.size());
     s->markModified(n);
+    return s->cacheTouch(n);
 }
 
-inline std::vector<long long> rootChildren(TagdbStore* s) {
-    TagdbNodeRef root;
-    EXPECT_EQ(s->loadNode(0, root), TagdbCommon::Ok);
-    std::vector<long long> ids;
-    for (int i = 0; root.node && i < root.node->count; ++i)
-        ids.push_back(root.node->values[i].id);
-    return ids;
-}
-
-// The records of a leaf, or "<failed>" when it cannot be loaded.
-inline std::vector<std::string> leafRecords(TagdbStore* s, long long id) {
+// The records of node id (the child ids of an inner node), or "<failed>".
+inline std::vector<std::string> contentOf(TagdbStore* s, long long id) {
     TagdbNodeRef ref;
-    if (s->loadNode(id, ref) != TagdbCommon::Ok) return {"<failed>"};
+    if (s->loadNode(id, ref) != T::Ok) return {"<failed>"};
     std::vector<std::string> out;
-    for (auto const& entry : leafOf(ref.node))
-        out.push_back(entry.second);
+    for (int i = 0; i < ref.node->count; ++i) {
+        out.push_back(ref.node->isLeaf() ? text(ref.node->values[i].record)
+                                         : std::to_string(ref.node->values[i].id));
+    }
     return out;
-}
-
-// A new leaf holding records, cached as the tree caches a new node.
-inline long long addLeaf(TagdbStore* s, std::vector<std::string> const& records) {
-    TagdbNodeRef ref;
-    EXPECT_EQ(s->newNode(ref), TagdbCommon::Ok);
-    if (!ref.node) return -1;
-    fillLeaf(ref.node, records);
-    EXPECT_EQ(s->cacheInsert(ref.node), TagdbCommon::Ok);
-    return ref.node->id;
-}
-
-inline TagdbStore* openStore(Tagdb& db, std::string const& name) {
-    EXPECT_EQ(
-        db.open(name.c_str(), TagdbStringKey::newInstance, TagdbBlobRecord::newInstance, nullptr),
-        TagdbCommon::Ok);
-    return db.getCurrent();
 }
 
 }  // namespace tagdbtest
