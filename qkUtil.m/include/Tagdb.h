@@ -4,8 +4,8 @@
 // A Tagdb opens up to 16 stores (open), one of which is active (activate),
 // and runs one transaction at a time across all of them:
 //   start(Update)    takes each store's lock file and reads its version;
-//   start(Deferred)  takes no lock; writes go to a log that commit replays
-//                    under the lock;
+//   start(Deferred)  takes no lock; writes go to a log (a private file in
+//                    $TMPDIR, else /tmp) that commit replays under the lock;
 //   start(Recreate)  takes no lock and starts every store over, empty;
 //   commit()         writes changed nodes and a new node index per store,
 //                    then publishes by rewriting each store's version file,

@@ -15,9 +15,10 @@
 // version file last, so a reader that sees the new version finds every file
 // it names. Superseded files are removed after that.
 //
-// Deferred writes go to a log in $TMPDIR (else /tmp), a file of unique name
-// "tagdbXXXXXX" created exclusively with mode 0600; it is replayed under the
-// lock at commit and removed.
+// Deferred writes go to a log in $TMPDIR (else /tmp): a file of unique name
+// "tagdbXXXXXX" created exclusively (as mkstemp does) with mode 0600, a new
+// one each time a transaction starts logging. Commit ends it with the empty
+// key and record, replays it under the lock and removes it; abort removes it.
 //
 // Ownership: the store owns its name, tables, file objects, cache entries and
 // its empty key and record. Nodes are held through TagdbNodeRef.
@@ -51,8 +52,9 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
 
     // ---- Transactions (driven by Tagdb) --------------------------------
     // Takes the lock (Update), reads the version file and, when the version
-    // moved, reloads the node index and drops the changed nodes from the
-    // cache: then Restart. Ok when nothing moved, Failed on failure.
+    // moved, reloads the node index and drops the nodes that changed from
+    // the cache: then Restart. Ok when nothing moved, Failed on failure (a
+    // reader overtaken while loading an index rereads the version first).
     Status begin();
     // Replays the deferred log, writes the changed nodes and the new index.
     Status prepare();

@@ -64,6 +64,7 @@ TagdbCommon::Status TagdbFile::bufferedWrite(void const* src, int n, Boolean swa
         src = scratch;
     }
     if (n <= 0) return Ok;
+    if (mode != WriteMode) return Failed;  // the buffer holds bytes read
     unsigned char const* in = static_cast<unsigned char const*>(src);
     int done = 0;
     while (done < n) {
@@ -74,7 +75,7 @@ TagdbCommon::Status TagdbFile::bufferedWrite(void const* src, int n, Boolean swa
             position = 0;
         }
         int piece = limit - position;
-        if (piece <= 0) return Failed;  // not opened for writing
+        if (piece <= 0 || limit > kBufferSize) return Failed;  // a buffer state gone wrong
         if (piece > n - done) piece = n - done;
         std::memcpy(buffer + position, in + done, static_cast<size_t>(piece));
         position += piece;
