@@ -3,6 +3,12 @@
 #pragma once
 
 #include "LinkedList.h"
+#include "Tagdb.h"
+#include "TagdbCommon.h"
+#include "TagdbFile.h"
+#include "TagdbKey.h"
+#include "TagdbNode.h"
+#include "TagdbStore.h"
 #include "qkExport.h"
 #include "qkMemory.h"
 #include "qkThread.h"

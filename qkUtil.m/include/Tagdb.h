@@ -1,0 +1,84 @@
+// Tagdb: the front object of the tag database, an embedded transactional
+// store of records under keys, kept in small versioned files.
+//
+// A Tagdb opens up to 16 stores (open), one of which is active (activate),
+// and runs one transaction at a time across all of them:
+//   start(Update)    takes each store's lock file and reads its version;
+//   start(Deferred)  takes no lock; writes go to a log (a private file in
+//                    $TMPDIR, else /tmp) that commit replays under the lock;
+//   start(Recreate)  takes no lock and starts every store over, empty;
+//   commit()         writes changed nodes and a new node index per store,
+//                    then publishes by rewriting each store's version file,
+//                    then removes superseded files and the locks;
+//   abort()          removes what the transaction wrote and drops the
+//                    changed nodes.
+// A start or commit that fails rolls back and returns Aborted; a commit whose
+// rollback could not restore every version file returns RollbackFailed and
+// leaves the transaction open.
+//
+// Ownership: the Tagdb owns its stores; close() (or the destructor) aborts
+// an open transaction and destroys them. A Tagdb cannot be copied: two
+// owners of one set of stores would destroy them twice.
+//
+// Thread-safety: none; a Tagdb is used by one thread at a time. Processes
+// exclude each other through the stores' lock files.
+#pragma once
+
+#include "TagdbCommon.h"
+#include "TagdbFile.h"
+#include "TagdbKey.h"
+#include "TagdbNode.h"
+#include "TagdbStore.h"
+
+class QK_EXPORT Tagdb : public TagdbCommon {
+  public:
+    static constexpr int kMaxStores = 16;
+
+    // cacheSize >= 1: hash buckets and nodes kept in memory per store;
+    // maxEntries 3 to 512: most entries of a node. Both are taken as given.
+    explicit Tagdb(int cacheSize = 32, int maxEntries = 512,
+                   TagdbFile* (*fileFactory)() = TagdbLocalFile::newInstance);
+    ~Tagdb() override;
+    Tagdb(Tagdb const&) = delete;
+    Tagdb& operator=(Tagdb const&) = delete;
+
+    // Adds a store under name and makes it active; Failed with 16 open.
+    // No file is touched until a transaction starts.
+    Status open(char const* name, TagdbKeyReader keyReader, TagdbRecordReader recordReader,
+                void* userData);
+    // Makes the first store opened under name active (NotOpen and no active
+    // store when there is none); a newMaxEntries of 3 to 512 also replaces
+    // maxEntries.
+    Status activate(char const* name, int newMaxEntries = 0);
+    // A start while a transaction is open returns Ok and changes nothing.
+    Status start(TransMode mode);
+    Status commit();
+    Status abort();
+    Status close();
+
+    TagdbStore* getCurrent() const { return current; }
+    int getStoreCount() const { return storeCount; }
+    TagdbStore* getStore(int i) const { return i >= 0 && i < storeCount ? stores[i] : nullptr; }
+    int inTransaction() const { return depth; }
+    TransMode getTransMode() const { return transMode; }
+    int getCacheSize() const { return cacheSize; }
+    int getMaxEntries() const { return maxEntries; }
+
+  protected:
+    int cacheSize;
+    int maxEntries;
+    int storeCount;
+    int depth;  // 1 while a transaction is open
+    TransMode transMode;
+    TagdbStore* current;
+    TagdbStore* stores[kMaxStores];
+    TagdbFile* (*fileFactory)();
+
+  private:
+    friend class TagdbStore;
+    friend class TagdbItr;
+
+    Status publish();
+    Status rollbackPublish(int failed);
+    void abortStores();
+};

@@ -1,0 +1,118 @@
+// TagdbFile and TagdbLocalFile: the file layer of the tag database.
+//
+// TagdbFile is an abstract file with a 512-byte buffer and the typed reads
+// and writes that fix the stored form of every number, text and byte run of
+// the database:
+//   byte 1 byte; short 2; integer 4; double and id 8 bytes, in the host's
+//   native order (little-endian here), reversed when `swapBytes` is set;
+//   string: 4-byte length L = strlen + 1, then the L bytes with the NUL
+//   (a null string: the 4-byte -1); bytes: 4-byte count n, then n bytes
+//   (null: -1). The text and byte runs themselves are never reversed.
+// All traffic goes through the buffer: a write-mode file reaches the disk
+// when the buffer is full and more must go in, or on flush/close.
+//
+// TagdbLocalFile implements the primitives on a POSIX descriptor and adds the
+// lock files by which processes exclude each other: lock(name) creates
+// name + "-lock" exclusively, polling every 20 ms, and gives up with
+// LockTimeout after 30 seconds; the file's existence is the lock, so a lock
+// left by a dead process blocks until someone deletes the file.
+// System calls interrupted by a signal (EINTR) are retried up to 100 times in
+// open, close, read, write and remove; remove also retries EBUSY.
+//
+// Ownership: strings and byte runs returned by readString/readBytes come
+// from qkMalloc and belong to the caller (qkFree), also when the read fails
+// part-way. Objects are copyable member by member; a TagdbLocalFile copy
+// shares the descriptor, so only one of the two may close it.
+//
+// Thread-safety: none; a file object belongs to one thread at a time.
+#pragma once
+
+#include "TagdbCommon.h"
+
+class QK_EXPORT TagdbFile : public TagdbCommon {
+  public:
+    static constexpr int kBufferSize = 512;
+
+    TagdbFile();
+    ~TagdbFile() override = default;
+    TagdbFile(TagdbFile const&) = default;
+    TagdbFile& operator=(TagdbFile const&) = default;
+
+    // The primitives a file implementation provides.
+    virtual int isOpen() = 0;
+    virtual Status open(char const* path, FileMode mode) = 0;
+    virtual Status close() = 0;
+    // Reads at most `size` bytes; `got` is the count (Ok only when positive).
+    virtual Status read(void* buf, int size, int& got) = 0;
+    // Ok only when every byte was written.
+    virtual Status write(void const* buf, int size) = 0;
+    virtual Status lock(char const* name) = 0;
+    virtual Status unlock(char const* name) = 0;
+    virtual Status remove(char const* path) = 0;
+
+    // Resets the buffer state for `m`, for implementations that do not open
+    // through TagdbLocalFile::open.
+    Status init(FileMode m);
+
+    Status readByte(unsigned char& v);
+    Status writeByte(unsigned char v);
+    Status readShort(short& v);
+    Status writeShort(short v);
+    Status readInteger(int& v);
+    Status writeInteger(int v);
+    Status readDouble(double& v);
+    Status writeDouble(double v);
+    Status readTagDbId(long long& v);
+    Status writeTagDbId(long long v);
+    Status writeString(char const* s);
+    // s = a new qkMalloc buffer with the stored text (always NUL-terminated,
+    // even when the stored bytes lack the NUL), or null for a stored -1.
+    Status readString(char const*& s);
+    Status writeBytes(void const* p, int n);
+    // p = a new qkMalloc buffer with the n stored bytes (non-null also for
+    // n = 0), or null with n = 0 for a stored -1.
+    Status readBytes(void const*& p, int& n);
+
+  protected:
+    Status bufferedRead(void* dst, int n, Boolean swap);
+    Status bufferedWrite(void const* src, int n, Boolean swap);
+    Status flush();
+
+    int position;  // next byte of `buffer` to read or write
+    int limit;     // read: valid bytes in the buffer; write: its capacity
+    FileMode mode;
+    Boolean swapBytes;
+    unsigned char buffer[kBufferSize];
+
+  private:
+    // Reads a stored length word, then that many bytes into a new buffer.
+    Status readCounted(void*& p, int& n);
+};
+
+class QK_EXPORT TagdbLocalFile : public TagdbFile {
+  public:
+    TagdbLocalFile();
+    ~TagdbLocalFile() override;
+    TagdbLocalFile(TagdbLocalFile const&) = default;
+    TagdbLocalFile& operator=(TagdbLocalFile const&) = default;
+
+    int isOpen() override;
+    Status open(char const* path, FileMode mode) override;
+    Status close() override;
+    Status read(void* buf, int size, int& got) override;
+    Status write(void const* buf, int size) override;
+    Status lock(char const* name) override;
+    Status unlock(char const* name) override;
+    Status remove(char const* path) override;
+
+    // Creates a new file of unique name from `pattern` (its last six
+    // characters "XXXXXX" are replaced in place), exclusively, readable and
+    // writable only by its owner, and opens it in WriteMode.
+    Status openUnique(char* pattern);
+
+    // The default file factory of a Tagdb: a new TagdbLocalFile.
+    static TagdbFile* newInstance();
+
+  protected:
+    int descriptor;  // -1 when closed
+};

@@ -1,0 +1,166 @@
+// TagdbStore: the state of one store opened by a Tagdb, and the operations
+// on its files: beginning a transaction on it, committing and aborting its
+// part, the deferred log, and its nodes (loading, writing, new ids, the
+// node cache).
+//
+// Files of a store with base name N (N is used as a path):
+//   N          version file: int32, the current store version
+//   N-lock     lock file: exists while a process holds the store
+//   N-x-V      node index of version V: int64 node count, then one int32
+//              version per node id (negative: the id is free)
+//   N-id-v     one node at node version v
+// A store at version 1 is empty and has no index and no node file. A change
+// never overwrites a file the committed version uses: changed nodes go to new
+// files, then a new index, and the commit is published by rewriting the
+// version file last, so a reader that sees the new version finds every file
+// it names. Superseded files are removed after that.
+//
+// Deferred writes go to a log in $TMPDIR (else /tmp): a file of unique name
+// "tagdbXXXXXX" created exclusively (as mkstemp does) with mode 0600, a new
+// one each time a transaction starts logging. Commit ends it with the empty
+// key and record, replays it under the lock and removes it; abort removes it.
+//
+// Ownership: the store owns its name, tables, file objects, cache entries and
+// its empty key and record. Nodes are held through TagdbNodeRef.
+// The store is created and destroyed by its Tagdb; the tree and the
+// iterators work on its fields directly.
+//
+// Thread-safety: none; a store belongs to its Tagdb's thread.
+#pragma once
+
+#include "LinkedList.h"
+#include "TagdbFile.h"
+#include "TagdbKey.h"
+#include "TagdbNode.h"
+
+class Tagdb;
+class TagdbItr;
+
+class QK_EXPORT TagdbStore : public TagdbCommon {
+  public:
+    static constexpr int kInitialIterators = 16;
+
+    // A new store of owner under name with its readers; null when memory,
+    // the file factory or a reader's empty instance fails.
+    static TagdbStore* create(Tagdb* owner, char const* name, TagdbKeyReader keyReader,
+                              TagdbRecordReader recordReader, void* userData);
+    // Frees everything the store owns; closes but does not remove the
+    // deferred log, and does not touch the lock file.
+    ~TagdbStore() override;
+    TagdbStore(TagdbStore const&) = delete;
+    TagdbStore& operator=(TagdbStore const&) = delete;
+
+    // ---- Transactions (driven by Tagdb) --------------------------------
+    // Takes the lock (Update), reads the version file and, when the version
+    // moved, reloads the node index and drops the nodes that changed from
+    // the cache: then Restart. Ok when nothing moved, Failed on failure (a
+    // reader overtaken while loading an index rereads the version first).
+    Status begin();
+    // Replays the deferred log, writes the changed nodes and the new index.
+    Status prepare();
+    // Rewrites the version file with v.
+    Status writeVersion(int v);
+    // After publication: removes superseded files, releases the lock and
+    // takes the new version as committed.
+    void cleanUp();
+    // Rolls this store back: removes the files this transaction wrote,
+    // drops its cache if it changed, releases the lock. Returns Aborted.
+    Status abort();
+    // Appends (key, rec) to the deferred log (nullRecord for a null rec).
+    // The caller keeps ownership of both.
+    Status appendLog(TagdbKey* key, TagdbRecord* rec);
+
+    // ---- Nodes ---------------------------------------------------------
+    // newVersions[id] when non-zero, else committedVersions[id].
+    int effectiveVersion(long long id) const;
+    // ref = node id (from the cache or its file, then cached). A failed read
+    // rereads the version file and tries again when another process moved
+    // the store on. Failed when the id is out of range or the node cannot
+    // be read.
+    Status loadNode(long long id, TagdbNodeRef& ref);
+    // Writes a modified node to the file of its effective version (a node
+    // without entries is not written).
+    Status writeNode(TagdbNode* node);
+    // Gives the node a new version for this transaction (once) and marks it
+    // and the store changed.
+    void markModified(TagdbNode* node);
+    // ref = a new empty leaf under a free id (the lowest at or above
+    // freeHint) or a new id; not cached.
+    Status newNode(TagdbNodeRef& ref);
+    // Frees the node's id at commit: marks it modified, makes its new
+    // version negative and lowers freeHint.
+    void freeNode(TagdbNode* node);
+
+    // ---- Node cache ----------------------------------------------------
+    // The cached node with id (moved to the front of the recency list), or null.
+    TagdbNode* cacheLookup(long long id);
+    // Caches node (or moves it to the front), then evicts from the back
+    // while more than cacheSize are cached, at most 10: a modified node is
+    // written first (Failed leaves it cached).
+    Status cacheInsert(TagdbNode* node);
+    // Moves a cached node to the front, or inserts it.
+    Status cacheTouch(TagdbNode* node);
+    void cacheRemove(long long id);
+    void dropCache();
+
+    // ---- Iterators -----------------------------------------------------
+    Status addIterator(TagdbItr* itr);
+    void removeIterator(TagdbItr* itr);
+    // Detaches the iterators that stand on node nodeId before it changes
+    // shape or leaves memory.
+    void detachIterators(long long nodeId);
+
+    // ---- File names, composed in pathBuffer ------------------------------
+    char const* versionPath();
+    char const* indexPath(int v);
+    char const* nodePath(long long id, int v);
+
+    Tagdb* owner;
+    char* name;
+    TagdbKeyReader keyReader;
+    TagdbRecordReader recordReader;
+    void* userData;
+    char* pathBuffer;  // strlen(name) + 32 bytes
+    int version;       // version the tables reflect; 0 unknown, 1 new and empty
+    int newVersion;    // version being committed
+    long long capacity;
+    long long nodeCount;
+    long long freeHint;  // no id below it is free
+    int* committedVersions;
+    int* newVersions;
+    int* writtenFlags;
+    int locked;
+    int dirty;
+    LinkedList* cacheBuckets;  // cacheSize chains
+    LinkedList lru;            // most recent first
+    int cachedCount;
+    char* logName;
+    TagdbFile* file;
+    TagdbKey* nullKey;
+    TagdbRecord* nullRecord;
+    TagdbLocalFile logFile;
+    TagdbItr** iterators;
+    int iteratorCount;
+    int iteratorCapacity;
+
+  private:
+    TagdbStore(Tagdb* owner, TagdbKeyReader keyReader, TagdbRecordReader recordReader,
+               void* userData);
+
+    int cacheSize() const;
+    Status readVersionFile(int& v);
+    Status reloadIndex(int v);
+    void dropMoved(int const* oldVersions, long long oldCount);
+    Status readNode(TagdbNode* node);
+    Status readEntries(TagdbNode* node);
+    Status evictOne();
+    bool growTables();
+    Status replayLog();
+    // Stores a replayed pair in this store's tree, as Tagdb::set does.
+    Status applyLogged(TagdbKey& key, TagdbRecord* rec);
+    Status createLog();
+    void discardLog();
+    void removeWrittenFiles();
+
+    int indexWritten;  // this transaction wrote N-x-newVersion
+};

@@ -1,0 +1,51 @@
+// Files on POSIX descriptors: thin wrappers, one system call each.
+#include "platform/platform_file.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace qk::platform {
+
+int fileOpenRead(char const* path) {
+    return ::open(path, O_RDONLY | O_CLOEXEC);
+}
+
+int fileOpenWrite(char const* path) {
+    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+}
+
+int fileCreateExclusive(char const* path) {
+    return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+}
+
+long fileRead(int fd, void* buf, size_t size) {
+    return static_cast<long>(::read(fd, buf, size));
+}
+
+long fileWrite(int fd, void const* buf, size_t size) {
+    return static_cast<long>(::write(fd, buf, size));
+}
+
+int fileClose(int fd) {
+    if (::close(fd) == 0) return 0;
+    return errno == EINTR ? 0 : -1;
+}
+
+int fileUnlink(char const* path) {
+    return ::unlink(path);
+}
+
+char const* tempDirectory() {
+    char const* dir = ::getenv("TMPDIR");
+    return dir && *dir ? dir : "/tmp";
+}
+
+int fileCreateUnique(char* pattern) {
+    // mkostemp opens with O_CREAT | O_EXCL and mode 0600.
+    return ::mkostemp(pattern, O_CLOEXEC);
+}
+
+}  // namespace qk::platform

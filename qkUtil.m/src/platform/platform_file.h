@@ -1,0 +1,47 @@
+// Files: the low-level file services of the library, one system call each.
+//
+// Every function makes exactly one attempt and reports failure the way the
+// system does: -1 with `errno` set (readable through <cerrno>). Retrying
+// interrupted calls (EINTR) and busy files (EBUSY) is left to the caller, so
+// the tag database can apply its own retry counts (TagdbLocalFile).
+//
+// Descriptors are opened close-on-exec. Files are created with mode 0666
+// less the process umask, except unique temporary files, which are 0600.
+//
+// Thread-safety: every function may be called from any thread.
+#pragma once
+
+#include <cstddef>
+
+#include "qkExport.h"
+
+namespace qk::platform {
+
+// Opens an existing file for reading.
+QK_EXPORT int fileOpenRead(char const* path);
+// Opens a file for writing, creating it or cutting it to length 0.
+QK_EXPORT int fileOpenWrite(char const* path);
+// Creates a file that must not exist yet (atomic in the file system), opened
+// for reading and writing; fails with EEXIST when it exists.
+QK_EXPORT int fileCreateExclusive(char const* path);
+
+// Reads up to `size` bytes; the count read, 0 at end of file, -1 on error.
+QK_EXPORT long fileRead(int fd, void* buf, size_t size);
+// Writes up to `size` bytes; the count written (possibly short), -1 on error.
+QK_EXPORT long fileWrite(int fd, void const* buf, size_t size);
+// Releases the descriptor. On Linux the descriptor is gone even when close
+// reports EINTR, and retrying could close a descriptor that another thread
+// has opened meanwhile; an interrupted close is therefore reported as done.
+QK_EXPORT int fileClose(int fd);
+// Removes a name from the file system.
+QK_EXPORT int fileUnlink(char const* path);
+
+// The directory for temporary files: $TMPDIR when set and not empty, else
+// "/tmp". The text stays valid until the environment changes.
+QK_EXPORT char const* tempDirectory();
+// Creates a new file of unique name from `pattern`, which ends in "XXXXXX"
+// (replaced in place), exclusively (no existing file or link is reused) with
+// mode 0600. Returns its descriptor, or -1 with errno set.
+QK_EXPORT int fileCreateUnique(char* pattern);
+
+}  // namespace qk::platform

@@ -1,0 +1,77 @@
+// TagdbStore, fourth part: the node cache. Nodes are found by hashing their
+// id into cacheSize bucket chains; a recency list orders them, most recent
+// first, so that the least recently used node is evicted in constant time.
+// At most cacheSize nodes stay cached; an evicted node that someone still
+// holds stays in memory, uncached, until its last holder lets go.
+#include <new>
+
+#include "Tagdb.h"
+
+namespace {
+
+// Eviction stops after this many nodes per insertion, bounding the work
+// (and the node writes) one insertion can cause.
+constexpr int kMaxEvictions = 10;
+
+TagdbCacheEntry* entryOf(LinkedList* link) {
+    return static_cast<TagdbCacheEntry*>(link->ref());
+}
+
+}  // namespace
+
+TagdbNode* TagdbStore::cacheLookup(long long id) {
+    LinkedList& bucket = cacheBuckets[id % cacheSize()];
+    for (LinkedList* link = bucket.next(); link != &bucket; link = link->next()) {
+        TagdbCacheEntry* entry = entryOf(link);
+        if (entry->node->id == id) {
+            entry->lruLink.link(&lru, entry);
+            return entry->node;
+        }
+    }
+    return nullptr;
+}
+
+TagdbCommon::Status TagdbStore::cacheInsert(TagdbNode* node) {
+    if (cacheLookup(node->id)) return Ok;
+    TagdbCacheEntry* entry = new (std::nothrow) TagdbCacheEntry(node);
+    if (!entry) return Failed;
+    node->cached = 1;
+    ++cachedCount;
+    entry->bucketLink.link(&cacheBuckets[node->id % cacheSize()], entry);
+    entry->lruLink.link(&lru, entry);
+    for (int evicted = 0; cachedCount > cacheSize() && evicted < kMaxEvictions; ++evicted) {
+        if (evictOne() != Ok) return Failed;
+    }
+    return Ok;
+}
+
+// The least recently used node leaves the cache; a changed node is written
+// first, and stays cached when that fails.
+TagdbCommon::Status TagdbStore::evictOne() {
+    TagdbCacheEntry* entry = entryOf(lru.prev());
+    TagdbNode* node = entry->node;
+    detachIterators(node->id);
+    if (node->modified && writeNode(node) != Ok) return Failed;
+    delete entry;
+    return Ok;
+}
+
+TagdbCommon::Status TagdbStore::cacheTouch(TagdbNode* node) {
+    if (node->cached && cacheLookup(node->id) == node) return Ok;
+    return cacheInsert(node);
+}
+
+void TagdbStore::cacheRemove(long long id) {
+    LinkedList& bucket = cacheBuckets[id % cacheSize()];
+    for (LinkedList* link = bucket.next(); link != &bucket; link = link->next()) {
+        if (entryOf(link)->node->id == id) {
+            delete entryOf(link);
+            return;
+        }
+    }
+}
+
+void TagdbStore::dropCache() {
+    while (lru.linked())
+        delete entryOf(lru.prev());
+}

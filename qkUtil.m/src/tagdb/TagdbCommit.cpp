@@ -1,0 +1,166 @@
+// TagdbStore, second part: this store's share of commit and abort, and the
+// deferred log.
+//
+// A commit never overwrites a file that the committed version uses: changed
+// nodes go to files under new node versions, the node index to N-x-V for the
+// new store version V, and only then is the version file rewritten. Until
+// that moment a crash or a failure leaves the committed version intact, and
+// an abort removes exactly what this transaction wrote.
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "Tagdb.h"
+#include "platform/platform_file.h"
+#include "qkMemory.h"
+
+namespace {
+
+// Store and node versions grow by one per change and continue at 2 rather
+// than pass the int32 maximum (1 is the empty store's).
+int nextVersion(int v) {
+    long long next = static_cast<long long>(v) + 1;
+    return next > INT_MAX ? 2 : static_cast<int>(next);
+}
+
+}  // namespace
+
+TagdbCommon::Status TagdbStore::writeVersion(int v) {
+    if (file->open(versionPath(), WriteMode) != Ok) return Failed;
+    Status wrote = file->writeInteger(v);
+    Status closed = file->close();
+    return wrote == Ok && closed == Ok ? Ok : Failed;
+}
+
+TagdbCommon::Status TagdbStore::prepare() {
+    if (logFile.isOpen()) {
+        Status replayed = replayLog();
+        if (replayed != Ok) return replayed;
+    }
+    if (!dirty) return Ok;
+    for (LinkedList* link = lru.next(); link != &lru; link = link->next()) {
+        TagdbNode* node = static_cast<TagdbCacheEntry*>(link->ref())->node;
+        if (node->modified && effectiveVersion(node->id) > 0 && writeNode(node) != Ok) {
+            return Failed;
+        }
+    }
+    newVersion = nextVersion(version);
+    if (file->open(indexPath(newVersion), WriteMode) != Ok) return Failed;
+    indexWritten = 1;
+    Status wrote = file->writeTagDbId(nodeCount);
+    for (long long id = 0; wrote == Ok && id < nodeCount; ++id) {
+        wrote = file->writeInteger(effectiveVersion(id));
+    }
+    Status closed = file->close();
+    return wrote == Ok && closed == Ok ? Ok : Failed;
+}
+
+// Ends the log with the empty key and record, reads it back and applies
+// every pair under the lock, which begin() now takes.
+TagdbCommon::Status TagdbStore::replayLog() {
+    Status ended = nullKey->write(&logFile);
+    if (ended == Ok) ended = nullRecord->write(&logFile);
+    if (logFile.close() != Ok || ended != Ok) return Failed;
+    if (logFile.open(logName, ReadMode) != Ok) return Failed;
+    owner->transMode = Update;
+    if (begin() == Failed) return Failed;
+    while (true) {
+        TagdbKey* key = nullptr;
+        TagdbRecord* rec = nullptr;
+        if (keyReader(key, &logFile, userData) != Ok) {
+            if (key) key->release();
+            abort();
+            return Aborted;
+        }
+        if (!key) break;
+        if (recordReader(rec, &logFile, userData) != Ok) {
+            key->release();
+            if (rec) rec->release();
+            abort();
+            return Aborted;
+        }
+        Status applied = applyLogged(*key, rec);
+        key->release();
+        if (applied != Ok) return Failed;
+    }
+    discardLog();
+    return Ok;
+}
+
+void TagdbStore::cleanUp() {
+    if (dirty) {
+        // Files written in this transaction for nodes that it freed.
+        for (long long id = 0; id < nodeCount; ++id) {
+            if (newVersions[id] < 0 && writtenFlags[id])
+                file->remove(nodePath(id, newVersions[id]));
+        }
+    }
+    if (locked && file->unlock(name) == Ok) locked = 0;
+    if (dirty) {
+        if (version != 1) file->remove(indexPath(version));
+        version = newVersion;
+        for (long long id = 0; id < nodeCount; ++id) {
+            if (!newVersions[id]) continue;
+            int old = committedVersions[id];
+            // The root of an empty store (version 1) never had a file.
+            if (old > 0 && !(id == 0 && old == 1)) file->remove(nodePath(id, old));
+            committedVersions[id] = newVersions[id];
+            newVersions[id] = 0;
+            writtenFlags[id] = 0;
+        }
+    }
+    dirty = 0;
+    indexWritten = 0;
+}
+
+TagdbCommon::Status TagdbStore::abort() {
+    discardLog();
+    if (dirty) {
+        removeWrittenFiles();
+        dropCache();
+        version = 0;  // the next begin reloads the index and clears the tables
+        dirty = 0;
+    }
+    indexWritten = 0;
+    if (locked && file->unlock(name) == Ok) locked = 0;
+    return Aborted;
+}
+
+// Every file this transaction created: node files and the new index.
+void TagdbStore::removeWrittenFiles() {
+    for (long long id = 0; id < nodeCount; ++id) {
+        if (writtenFlags[id]) file->remove(nodePath(id, newVersions[id]));
+    }
+    if (indexWritten) file->remove(indexPath(newVersion));
+}
+
+// ---- The deferred log -------------------------------------------------------
+
+TagdbCommon::Status TagdbStore::appendLog(TagdbKey* key, TagdbRecord* rec) {
+    if (!logFile.isOpen() && createLog() != Ok) return Failed;
+    if (!key || key->write(&logFile) != Ok) return Failed;
+    return (rec ? rec : nullRecord)->write(&logFile);
+}
+
+// Each log is a new file of unique name, created exclusively and readable
+// only by its owner, so no other user can place or read it.
+TagdbCommon::Status TagdbStore::createLog() {
+    char const* dir = qk::platform::tempDirectory();
+    size_t size = std::strlen(dir) + sizeof "/tagdbXXXXXX";
+    char* pattern = static_cast<char*>(qkMalloc(size, __FILE__, __LINE__));
+    if (!pattern) return Failed;
+    std::snprintf(pattern, size, "%s/tagdbXXXXXX", dir);
+    if (logFile.openUnique(pattern) != Ok) {
+        qkFree(pattern, __FILE__, __LINE__);
+        return Failed;
+    }
+    qkFree(logName, __FILE__, __LINE__);
+    logName = pattern;
+    return Ok;
+}
+
+void TagdbStore::discardLog() {
+    if (!logFile.isOpen()) return;
+    logFile.close();
+    logFile.remove(logName);
+}

@@ -1,0 +1,276 @@
+// TagdbStore, first part: construction and destruction, file names, and
+// beginning a transaction on the store (lock, version file, node index).
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "Tagdb.h"
+#include "platform/platform.h"
+#include "qkMemory.h"
+
+namespace {
+
+// The version file is reread this many times (20 ms apart) before a begin
+// gives up: a writer truncates and rewrites it, so a reader may see it empty.
+constexpr int kVersionAttempts = 100;
+constexpr unsigned kVersionRetryMs = 20;
+
+// The three tables of a node index, read before they replace the store's.
+struct IndexTables {
+    long long count = 0;
+    long long capacity = 0;
+    long long freeHint = 0;
+    int* committed = nullptr;
+    int* fresh = nullptr;
+    int* written = nullptr;
+
+    void free() {
+        qkFree(committed, __FILE__, __LINE__);
+        qkFree(fresh, __FILE__, __LINE__);
+        qkFree(written, __FILE__, __LINE__);
+        committed = fresh = written = nullptr;
+    }
+    // Sizes all three tables to `capacity`: `committed` keeps its first
+    // `count` entries, everything else is zero.
+    bool allocate() {
+        size_t bytes = static_cast<size_t>(capacity) * sizeof(int);
+        void* grown = qkRealloc(committed, bytes, __FILE__, __LINE__);
+        if (!grown) return false;
+        committed = static_cast<int*>(grown);
+        std::memset(committed + count, 0, bytes - static_cast<size_t>(count) * sizeof(int));
+        fresh = static_cast<int*>(
+            qkCalloc(static_cast<size_t>(capacity), sizeof(int), __FILE__, __LINE__));
+        written = static_cast<int*>(
+            qkCalloc(static_cast<size_t>(capacity), sizeof(int), __FILE__, __LINE__));
+        return fresh && written;
+    }
+};
+
+}  // namespace
+
+TagdbStore::TagdbStore(Tagdb* db, TagdbKeyReader kr, TagdbRecordReader rr, void* ud)
+    : owner(db),
+      name(nullptr),
+      keyReader(kr),
+      recordReader(rr),
+      userData(ud),
+      pathBuffer(nullptr),
+      version(0),
+      newVersion(0),
+      capacity(0),
+      nodeCount(0),
+      freeHint(0),
+      committedVersions(nullptr),
+      newVersions(nullptr),
+      writtenFlags(nullptr),
+      locked(0),
+      dirty(0),
+      cacheBuckets(nullptr),
+      cachedCount(0),
+      logName(nullptr),
+      file(nullptr),
+      nullKey(nullptr),
+      nullRecord(nullptr),
+      iterators(nullptr),
+      iteratorCount(0),
+      iteratorCapacity(0),
+      indexWritten(0) {}
+
+TagdbStore* TagdbStore::create(Tagdb* db, char const* storeName, TagdbKeyReader kr,
+                               TagdbRecordReader rr, void* ud) {
+    if (!db || !storeName || !kr || !rr) return nullptr;
+    TagdbStore* s = new (std::nothrow) TagdbStore(db, kr, rr, ud);
+    if (!s) return nullptr;
+    s->name = qkStrdup(storeName, __FILE__, __LINE__);
+    s->pathBuffer = static_cast<char*>(qkMalloc(std::strlen(storeName) + 32, __FILE__, __LINE__));
+    s->file = db->fileFactory();
+    s->cacheBuckets = new (std::nothrow) LinkedList[s->cacheSize()];
+    s->iterators = static_cast<TagdbItr**>(
+        qkMalloc(kInitialIterators * sizeof(TagdbItr*), __FILE__, __LINE__));
+    s->iteratorCapacity = s->iterators ? kInitialIterators : 0;
+    bool ok = s->name && s->pathBuffer && s->file && s->cacheBuckets && s->iterators;
+    ok = ok && kr(s->nullKey, nullptr, ud) == Ok && s->nullKey;
+    ok = ok && rr(s->nullRecord, nullptr, ud) == Ok && s->nullRecord;
+    if (!ok) {
+        delete s;
+        return nullptr;
+    }
+    return s;
+}
+
+TagdbStore::~TagdbStore() {
+    dropCache();
+    delete[] cacheBuckets;
+    qkFree(name, __FILE__, __LINE__);
+    qkFree(pathBuffer, __FILE__, __LINE__);
+    qkFree(committedVersions, __FILE__, __LINE__);
+    qkFree(newVersions, __FILE__, __LINE__);
+    qkFree(writtenFlags, __FILE__, __LINE__);
+    qkFree(logName, __FILE__, __LINE__);
+    qkFree(iterators, __FILE__, __LINE__);
+    delete file;
+    if (nullKey) nullKey->release();
+    if (nullRecord) nullRecord->release();
+    logFile.close();
+}
+
+int TagdbStore::cacheSize() const {
+    return owner->cacheSize > 0 ? owner->cacheSize : 1;
+}
+
+// ---- File names -------------------------------------------------------------
+
+char const* TagdbStore::versionPath() {
+    std::snprintf(pathBuffer, std::strlen(name) + 32, "%s", name);
+    return pathBuffer;
+}
+
+char const* TagdbStore::indexPath(int v) {
+    std::snprintf(pathBuffer, std::strlen(name) + 32, "%s-x-%d", name, v);
+    return pathBuffer;
+}
+
+// The magnitude of v: a negative version names the id's last file.
+char const* TagdbStore::nodePath(long long id, int v) {
+    long long magnitude = v < 0 ? -static_cast<long long>(v) : v;
+    std::snprintf(pathBuffer, std::strlen(name) + 32, "%s-%lld-%lld", name, id, magnitude);
+    return pathBuffer;
+}
+
+// ---- Begin ------------------------------------------------------------------
+
+TagdbCommon::Status TagdbStore::begin() {
+    if (owner->transMode == Update && !locked) {
+        if (file->lock(name) != Ok) return Failed;
+        locked = 1;
+    }
+    int old = version;
+    int v = 1;  // Recreate starts over without reading anything
+    if (owner->transMode != Recreate && readVersionFile(v) != Ok) return Failed;
+    for (int attempt = 1;; ++attempt) {
+        if (v == old) return Ok;  // the cache stays valid
+        if (reloadIndex(v) == Ok) {
+            version = v;
+            return Restart;
+        }
+        // A reader without the lock may have been overtaken: the index of
+        // the version it read is already superseded and removed. Only an
+        // index that fails while the version stays put is broken.
+        int again = 0;
+        if (owner->transMode == Recreate || attempt >= kVersionAttempts ||
+            readVersionFile(again) != Ok || again == v) {
+            break;
+        }
+        v = again;
+    }
+    // The tables still describe the old version; forget which one, so that
+    // the next begin reloads.
+    version = 0;
+    return Failed;
+}
+
+// Reads the store version from the version file. A store without one is
+// new: its version file is created holding 1. A writer truncates and
+// rewrites the file, so a reader may find it empty for a moment; such reads
+// are tried again.
+TagdbCommon::Status TagdbStore::readVersionFile(int& v) {
+    for (int attempt = 0; attempt < kVersionAttempts; ++attempt) {
+        if (file->open(versionPath(), ReadMode) != Ok) {
+            // An open that fails for a passing reason must not reset an
+            // existing store to empty: the file counts as missing only when
+            // a second open, a moment later, fails as well.
+            qk::platform::sleepMs(kVersionRetryMs);
+            int creations = 0;
+            while (file->open(versionPath(), ReadMode) != Ok) {
+                if (++creations > kVersionAttempts || writeVersion(1) != Ok) return Failed;
+            }
+        }
+        int read = 0;
+        Status got = file->readInteger(read);
+        if (file->close() == Ok && got == Ok && read >= 1) {
+            v = read;
+            return Ok;
+        }
+        qk::platform::sleepMs(kVersionRetryMs);
+    }
+    return Failed;
+}
+
+// Loads the node index of version v into new tables, which replace the
+// store's only when the whole index was read. Version 1 is the empty store:
+// one node, the root, with no file.
+TagdbCommon::Status TagdbStore::reloadIndex(int v) {
+    IndexTables t;
+    if (v == 1) {
+        t.count = 1;
+        t.capacity = 16;
+        if (!t.allocate()) {
+            t.free();
+            return Failed;
+        }
+        t.committed[0] = 1;
+        t.freeHint = 1;
+    } else {
+        if (file->open(indexPath(v), ReadMode) != Ok) return Failed;
+        long long count = 0;
+        Status st = file->readTagDbId(count);
+        if (st == Ok && count < 1) st = Failed;  // there is always a root
+        t.freeHint = count;
+        // The table grows as entries arrive, so that a corrupt count costs
+        // no more than the file really holds.
+        for (long long id = 0; st == Ok && id < count; ++id) {
+            if (id >= t.capacity) {
+                t.capacity = t.capacity ? t.capacity * 2 : 64;
+                if (t.capacity > count) t.capacity = count;
+                void* grown = qkRealloc(t.committed, static_cast<size_t>(t.capacity) * sizeof(int),
+                                        __FILE__, __LINE__);
+                if (!grown) {
+                    st = Failed;
+                    break;
+                }
+                t.committed = static_cast<int*>(grown);
+            }
+            st = file->readInteger(t.committed[id]);
+            if (st == Ok && t.committed[id] < 0 && t.freeHint == count) t.freeHint = id;
+        }
+        Status closed = file->close();
+        if (st == Ok && closed == Ok) {
+            // count is now bounded by the size of the file just read.
+            t.count = count;
+            t.capacity = 2 * count + 2;
+        }
+        if (st != Ok || closed != Ok || !t.allocate()) {
+            t.free();
+            return Failed;
+        }
+    }
+    int* oldVersions = committedVersions;
+    long long oldCount = nodeCount;
+    committedVersions = t.committed;
+    qkFree(newVersions, __FILE__, __LINE__);
+    newVersions = t.fresh;
+    qkFree(writtenFlags, __FILE__, __LINE__);
+    writtenFlags = t.written;
+    nodeCount = t.count;
+    capacity = t.capacity;
+    freeHint = t.freeHint;
+    dropMoved(oldVersions, oldCount);
+    qkFree(oldVersions, __FILE__, __LINE__);
+    return Ok;
+}
+
+// Drops from the cache every node whose committed version differs between
+// the old table and the new one (all of them without an old table).
+void TagdbStore::dropMoved(int const* oldVersions, long long oldCount) {
+    LinkedList* link = lru.next();
+    while (link != &lru) {
+        LinkedList* following = link->next();
+        TagdbCacheEntry* entry = static_cast<TagdbCacheEntry*>(link->ref());
+        long long id = entry->node->id;
+        bool same = oldVersions && id < oldCount && id < nodeCount &&
+                    oldVersions[id] == committedVersions[id];
+        if (!same) delete entry;
+        link = following;
+    }
+}
