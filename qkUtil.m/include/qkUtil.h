@@ -5,4 +5,5 @@
 #include "LinkedList.h"
 #include "qkExport.h"
 #include "qkMemory.h"
+#include "qkString.h"
 #include "qkThread.h"
