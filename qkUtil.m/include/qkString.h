@@ -43,6 +43,8 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 
 #include "qkExport.h"
@@ -60,6 +62,10 @@ struct qkStringRef {
 
 class QK_EXPORT qkString {
   public:
+    // The longest text a string can hold (its capacity must fit an int);
+    // longer texts end the process like an allocation failure.
+    static constexpr unsigned maxLength = 0x7FFFFFFF - 32;
+
     // ---- construction and assignment
     qkString() : sp(nullptr) {}
     qkString(char const* s);  // a null s gives a null string
@@ -105,8 +111,20 @@ class QK_EXPORT qkString {
     int resize(unsigned int len, unsigned char keep);
     // Appending; a null text appends nothing and leaves the string as it is.
     // Growing gives a capacity of n * 3 / 2 + 32 for a new length n.
-    qkString& operator+=(char c);
-    qkString& operator+=(char const* s);
+    qkString& operator+=(char c) {
+        // Fast path: a private text of known length with room for one more.
+        if (isPrivate() && sp->reqLen >= 0 && sp->reqLen + 1 < sp->allocLen) {
+            sp->buf[sp->reqLen] = c;
+            sp->buf[++sp->reqLen] = 0;
+            return *this;
+        }
+        return appendChar(c);
+    }
+    qkString& operator+=(char const* s) {
+        // Inline so that the length of a literal is known when compiling.
+        if (s) appendBytes(s, checkedLength(s));
+        return *this;
+    }
     void cat(char const* a, char const* b, char const* c);
     // Upper-cases each byte with the C runtime's toupper (current C locale).
     void toUpper();
@@ -159,8 +177,31 @@ class QK_EXPORT qkString {
     bool onHeap() const { return sp != nullptr && sp != &static_; }
     char const* constText() const;
     void grow(unsigned int len);
+    // Only this string may write its text: inline, or a heap block it alone holds.
+    bool isPrivate() const { return sp && (sp == &static_ || sp->refCount == 1); }
     void append(char const* const* texts, unsigned const* lens, int count);
-    qkString& appendText(char const* s);
+    // Appends len bytes. A private text of known length with room takes them
+    // at once, which is what the general path comes to in that case; the
+    // bytes may come from inside this very text (hence memmove).
+    void appendBytes(char const* text, unsigned len) {
+        if (isPrivate() && sp->reqLen >= 0 &&
+            static_cast<unsigned>(sp->reqLen) + uint64_t{len} <
+                static_cast<unsigned>(sp->allocLen)) {
+            __builtin_memmove(sp->buf + sp->reqLen, text, len);
+            sp->reqLen += static_cast<int>(len);
+            sp->buf[sp->reqLen] = 0;
+            return;
+        }
+        append(&text, &len, 1);
+    }
+    qkString& appendChar(char c);
+    static unsigned checkedLength(char const* s) {
+        size_t n = __builtin_strlen(s);
+        if (n > maxLength) tooLong(n);
+        return static_cast<unsigned>(n);
+    }
+    [[noreturn]] static void tooLong(size_t n);
+    void assignBytes(char const* text, unsigned len);
 
     qkStringRef* sp;      // null, &static_, or a heap block
     qkStringRef static_;  // the inline representation

@@ -111,11 +111,22 @@ qkString& qkString::operator=(qkString const& o) {
         sp->reqLen = 0;
         return *this;
     }
-    unsigned n = textLength(o.sp);
-    resize(n, 0);
-    std::memcpy(sp->buf, o.sp->buf, n + 1);
-    sp->reqLen = static_cast<int>(n);
+    assignBytes(o.sp->buf, textLength(o.sp));
     return *this;
+}
+
+// Replaces the text by the n bytes at text, which lie outside this string's
+// text. Short texts go straight into a null or private string, which is what
+// resize(n, 0) followed by the copy comes to in those cases.
+void qkString::assignBytes(char const* text, unsigned n) {
+    if (!sp && n < sizeof static_.buf) {
+        init();
+    } else if (!isPrivate() || n >= static_cast<unsigned>(sp->allocLen)) {
+        resize(n, 0);
+    }
+    std::memcpy(sp->buf, text, n);
+    sp->buf[n] = 0;
+    sp->reqLen = static_cast<int>(n);
 }
 
 qkString& qkString::operator=(char const* s) {
@@ -131,13 +142,12 @@ qkString& qkString::operator=(char const* s) {
     // text of its own.
     bool inside = onHeap() ? s >= sp->buf && s < sp->buf + sp->allocLen
                            : sp && s >= static_.buf && s < static_.buf + sizeof static_.buf;
-    if (inside && (!onHeap() || sp->refCount == 1)) {
+    if (inside && isPrivate()) {
         std::memmove(sp->buf, s, n + 1);
+        sp->reqLen = static_cast<int>(n);
     } else {
-        resize(static_cast<unsigned>(n), 0);
-        std::memcpy(sp->buf, s, n + 1);
+        assignBytes(s, static_cast<unsigned>(n));
     }
-    sp->reqLen = static_cast<int>(n);
     return *this;
 }
 

@@ -38,24 +38,13 @@ void qkString::append(char const* const* texts, unsigned const* lens, int count)
     sp->reqLen = static_cast<int>(n);
 }
 
-qkString& qkString::operator+=(char c) {
-    char const* text = &c;
-    unsigned len = 1;
-    append(&text, &len, 1);
+qkString& qkString::appendChar(char c) {
+    appendBytes(&c, 1);
     return *this;
 }
 
-qkString& qkString::operator+=(char const* s) {
-    return appendText(s);
-}
-
-qkString& qkString::appendText(char const* s) {
-    if (!s) return *this;
-    size_t len = std::strlen(s);
-    if (len > kMaxText) fatal("text too long", len);
-    unsigned l = static_cast<unsigned>(len);
-    append(&s, &l, 1);
-    return *this;
+void qkString::tooLong(size_t n) {
+    fatal("text too long", n);
 }
 
 void qkString::cat(char const* a, char const* b, char const* c) {
@@ -116,8 +105,7 @@ unsigned char qkString::prepareSQL(qkString& out) const {
             len = 2;
             escaped = 1;
         }
-        char const* text = piece;
-        out.append(&text, &len, 1);
+        out.appendBytes(piece, len);
     }
     return escaped;
 }

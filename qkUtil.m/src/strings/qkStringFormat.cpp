@@ -1,10 +1,15 @@
 // The formatting engine behind qkString::sprintf and vsprintf.
 //
-// The engine walks the format itself and hands the C runtime one directive
-// at a time, each into a temporary sized from its argument, so that the
-// result can be of any length and the set of conversions stays fixed: a
-// format with any other conversion is refused as a whole and the target
-// string keeps its text.
+// The engine walks the format itself and formats one directive at a time,
+// each into a temporary sized from its argument, so that the result can be
+// of any length and the set of conversions stays fixed: a format with any
+// other conversion is refused as a whole and the target string keeps its
+// text. Directives with flags, a width or a precision are handed to the C
+// runtime unchanged; the bare common ones ("%d", "%s", "%x", "%.2f", ...)
+// are written here to the same bytes, since a call into the C runtime's
+// printf costs more than the whole of a short line otherwise.
+#include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -61,13 +66,32 @@ Lang readLang() {
     return std::strcmp(lang, "SJIS") == 0 ? Lang::SJIS : Lang::Other;
 }
 
+// The bytes the walk stops at: the terminator, "%", "\\" and high bytes.
+struct SpecialBytes {
+    bool is[256] = {};
+    constexpr SpecialBytes() {
+        is[0] = is[static_cast<unsigned char>('%')] = is[static_cast<unsigned char>('\\')] = true;
+        for (int b = 0x80; b < 256; ++b)
+            is[b] = true;
+    }
+};
+constexpr SpecialBytes kSpecial;
+
+inline bool isSpecial(char c) {
+    return kSpecial.is[static_cast<unsigned char>(c)];
+}
+
 bool isSingleByte(Lang lang, unsigned char b) {
     return lang == Lang::C || (lang == Lang::SJIS && b >= 0xA0 && b <= 0xDF);
 }
 
-unsigned decimalDigits(int v) {
-    char digits[16];
-    return static_cast<unsigned>(std::snprintf(digits, sizeof digits, "%d", v));
+// The length of v's "%d" form.
+int64_t decimalDigits(int v) {
+    int64_t n = v < 0 ? 2 : 1;
+    for (uint32_t u = v < 0 ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v); u >= 10;
+         u /= 10)
+        ++n;
+    return n;
 }
 
 // The size the temporary of a floating directive gets: the integer digits
@@ -118,29 +142,78 @@ int64_t runtimeFormat(qkString& tmp, int64_t size, char const* directive, T valu
 // The engine's access to qkString's appending of byte ranges.
 struct qkStringFormatter {
     static void appendRange(qkString& s, char const* from, char const* to) {
-        unsigned len = static_cast<unsigned>(to - from);
-        if (len) s.append(&from, &len, 1);
+        if (to > from) s.appendBytes(from, static_cast<unsigned>(to - from));
     }
+    // Appends one directive's output; false when the result would outgrow
+    // what a string can hold.
+    static bool appendOutput(qkString& result, char const* text, uint64_t len) {
+        if (result.length() + len > kMaxText) return false;
+        appendRange(result, text, text + len);
+        return true;
+    }
+    template <class T>
+    static bool appendRuntime(Directive const& d, int64_t size, T value, qkString& result);
+    template <class T>
+    static bool appendInteger(Directive const& d, T value, int base, qkString& result);
+    static bool appendDouble(Directive const& d, double value, qkString& result);
     static bool formatDirective(Directive const& d, va_list* ap, qkString& result);
     static int format(qkString& s, char const* format, va_list* ap);
 };
+
+// Hands the directive, flags, width and precision unchanged, to the C
+// runtime with a temporary of `size` bytes. "%S" is a narrow text here: it
+// goes to the C runtime as "%s" (where "%S" would mean a wide one).
+template <class T>
+bool qkStringFormatter::appendRuntime(Directive const& d, int64_t size, T value, qkString& result) {
+    qkString directive;
+    appendRange(directive, d.start, d.conv + 1);
+    if (*d.conv == 'S') directive[static_cast<unsigned>(d.conv - d.start)] = 's';
+    qkString tmp;
+    int64_t n = runtimeFormat(tmp, size, directive.sanitize(), value);
+    return n >= 0 && appendOutput(result, tmp.sanitize(), static_cast<uint64_t>(n));
+}
+
+// The bare directives "%d", "%i", "%u", "%x", "%X" and "%o" are written
+// here, digit for digit what the C runtime writes, without its per-call
+// cost; any flag, width or precision goes to the C runtime.
+template <class T>
+bool qkStringFormatter::appendInteger(Directive const& d, T value, int base, qkString& result) {
+    if (d.conv != d.start + 1) {
+        int v = static_cast<int>(value);
+        return appendRuntime(d, max3(d.width, d.precision, decimalDigits(v)) + 4, value, result);
+    }
+    char digits[16];
+    char* end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
+    if (*d.conv == 'X')
+        for (char* p = digits; p < end; ++p)
+            *p = static_cast<char>(std::toupper(static_cast<unsigned char>(*p)));
+    return appendOutput(result, digits, end - digits);
+}
+
+// "%f", "%e" and "%E" with at most a precision, of a finite value, are
+// written with std::to_chars, which is defined to give what printf gives in
+// the C locale (correctly rounded, ties to even); everything else goes to
+// the C runtime.
+bool qkStringFormatter::appendDouble(Directive const& d, double value, qkString& result) {
+    char conv = *d.conv;
+    bool simple = d.conv == d.start + 1 || (d.start[1] == '.' && d.precision <= 40);
+    if (!simple || !std::isfinite(value) || (conv != 'f' && conv != 'e' && conv != 'E'))
+        return appendRuntime(d, doubleSize(d, value), value, result);
+    char text[400];  // 309 integer digits, sign, point and 40 decimals at most
+    auto format = conv == 'f' ? std::chars_format::fixed : std::chars_format::scientific;
+    auto r = std::to_chars(text, text + sizeof text, value, format, static_cast<int>(d.precision));
+    if (r.ec != std::errc()) return appendRuntime(d, doubleSize(d, value), value, result);
+    if (conv == 'E')
+        for (char* p = text; p < r.ptr; ++p)
+            if (*p == 'e') *p = 'E';
+    return appendOutput(result, text, r.ptr - text);
+}
 
 // Formats the directive d, taking its argument from ap, and appends the
 // output to result. False for an unknown conversion or a directive the C
 // runtime refuses.
 bool qkStringFormatter::formatDirective(Directive const& d, va_list* ap, qkString& result) {
-    // The directive as the C runtime sees it. "%S" is a narrow text here: it
-    // goes to the C runtime as "%s" (where "%S" would mean a wide one).
-    qkString directive;
-    unsigned dirLen = static_cast<unsigned>(d.conv - d.start + 1);
-    appendRange(directive, d.start, d.conv + 1);
-    char conv = *d.conv;
-    if (conv == 'S') directive[dirLen - 1] = 's';
-    char const* dir = directive;
-
-    qkString tmp;
-    int64_t n;
-    switch (conv) {
+    switch (*d.conv) {
         case 'c':
         case 'C': {
             char c = static_cast<char>(va_arg(*ap, int));
@@ -148,53 +221,44 @@ bool qkStringFormatter::formatDirective(Directive const& d, va_list* ap, qkStrin
             return true;
         }
         case 'd':
-        case 'i': {
-            int v = va_arg(*ap, int);
-            n = runtimeFormat(tmp, max3(d.width, d.precision, decimalDigits(v)) + 4, dir, v);
-            break;
-        }
-        case 'o':
+        case 'i':
+            return appendInteger(d, va_arg(*ap, int), 10, result);
         case 'u':
+            return appendInteger(d, static_cast<unsigned>(va_arg(*ap, int)), 10, result);
         case 'x':
-        case 'X': {
-            int v = va_arg(*ap, int);
-            n = runtimeFormat(tmp, max3(d.width, d.precision, decimalDigits(v)) + 4, dir,
-                              static_cast<unsigned>(v));
-            break;
-        }
+        case 'X':
+            return appendInteger(d, static_cast<unsigned>(va_arg(*ap, int)), 16, result);
+        case 'o':
+            return appendInteger(d, static_cast<unsigned>(va_arg(*ap, int)), 8, result);
         case 'e':
         case 'E':
         case 'f':
         case 'g':
-        case 'G': {
-            double v = va_arg(*ap, double);
-            n = runtimeFormat(tmp, doubleSize(d, v), dir, v);
-            break;
-        }
+        case 'G':
+            return appendDouble(d, va_arg(*ap, double), result);
         case 's':
         case 'S': {
             char const* s = va_arg(*ap, char const*);
             if (!s) return true;
+            if (d.conv == d.start + 1) return appendOutput(result, s, std::strlen(s));
             // With a precision the C runtime reads no further than it, and
             // neither may we: the text need not be terminated.
             size_t len =
                 d.hasPrecision ? strnlen(s, static_cast<size_t>(d.precision)) : std::strlen(s);
-            n = runtimeFormat(tmp, (d.width > int64_t(len) ? d.width : int64_t(len)) + 1, dir, s);
-            break;
+            return appendRuntime(d, (d.width > int64_t(len) ? d.width : int64_t(len)) + 1, s,
+                                 result);
         }
         case 'p': {
+            // What the platform's C runtime gave: 16 upper-case digits, no "0x".
             void* v = va_arg(*ap, void*);
-            n = runtimeFormat(tmp, 16, "%016llX",
-                              static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(v)));
-            break;
+            char text[24];
+            int n = std::snprintf(text, sizeof text, "%016llX",
+                                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(v)));
+            return appendOutput(result, text, n);
         }
         default:
             return false;
     }
-    if (n < 0 || result.length() + static_cast<uint64_t>(n) > kMaxText) return false;
-    char const* text = tmp;
-    appendRange(result, text, text + n);
-    return true;
 }
 
 int qkString::vsprintf(char const* format, va_list ap) {
@@ -215,7 +279,10 @@ int qkStringFormatter::format(qkString& s, char const* format, va_list* ap) {
     char const* segment = format;  // start of the literal text not yet copied
     char const* p = format;
     while (*p) {
+        while (!isSpecial(*p))
+            ++p;
         unsigned char b = static_cast<unsigned char>(*p);
+        if (!b) break;
         if (b >= 0x80) {
             if (lang == Lang::Unknown) lang = readLang();
             ++p;
@@ -229,11 +296,7 @@ int qkStringFormatter::format(qkString& s, char const* format, va_list* ap) {
             if (*p) ++p;
             continue;
         }
-        if (b != '%') {
-            ++p;
-            continue;
-        }
-        qkStringFormatter::appendRange(result, segment, p);
+        qkStringFormatter::appendRange(result, segment, p);  // b is "%": a directive
         Directive d = parseDirective(p);
         if (!qkStringFormatter::formatDirective(d, ap, result)) return 0;
         p = d.conv + 1;

@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 #include <variant>
@@ -94,6 +95,34 @@ TEST(qkStringFormatGrid, TextsMatchTheCLibrary) {
     char const unterminated[3] = {'x', 'y', 'z'};
     ASSERT_EQ(s.sprintf("[%.3s]", unterminated), 1);
     EXPECT_EQ(text(s), "[xyz]");
+}
+
+// The bare and precision-only directives are written without the C runtime;
+// they must give its bytes for any value, halfway cases (ties) included.
+TEST(qkStringFormatGrid, PlainDirectivesMatchTheCLibraryOnRandomValues) {
+    std::mt19937_64 rng(13);
+    qkString s;
+    for (int round = 0; round < 200000; ++round) {
+        double v;
+        if (round % 2) {
+            uint64_t bits = rng();
+            std::memcpy(&v, &bits, sizeof v);  // any double, NaNs and infinities too
+        } else {
+            // Multiples of a power of two: many are exact ties when rounded.
+            v = std::ldexp(static_cast<double>(static_cast<int64_t>(rng() % 20001) - 10000),
+                           -static_cast<int>(rng() % 12));
+        }
+        char conv = "feE"[rng() % 3];
+        std::string dir =
+            rng() % 4 ? "%." + std::to_string(rng() % 42) + conv : std::string("%") + conv;
+        ASSERT_EQ(s.sprintf(dir.c_str(), v), 1);
+        ASSERT_EQ(text(s), cFormat(dir.c_str(), v)) << dir << " of " << v;
+
+        int i = static_cast<int>(rng());
+        ASSERT_EQ(s.sprintf("%d|%i|%u|%x|%X|%o", i, i, i, i, i, i), 1);
+        ASSERT_EQ(text(s), cFormat("%d|%i|%u|%x|%X|%o", i, i, unsigned(i), unsigned(i), unsigned(i),
+                                   unsigned(i)));
+    }
 }
 
 // ---- whole formats -----------------------------------------------------------

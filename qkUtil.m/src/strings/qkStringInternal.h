@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "platform/platform.h"
 #include "qkMemory.h"
 #include "qkString.h"
 #include "qkThread.h"
@@ -17,11 +18,13 @@ namespace qk::str {
 constexpr size_t kHeader = offsetof(qkStringRef, buf);
 // Every capacity is len + 32 and must fit allocLen (an int).
 constexpr unsigned kSlack = 32;
-constexpr unsigned kMaxText = 0x7FFFFFFF - kSlack;
+constexpr unsigned kMaxText = qkString::maxLength;
+static_assert(kMaxText + kSlack == 0x7FFFFFFF);
 
-// The thread that owns new heap texts and may share them.
+// The thread that owns new heap texts and may share them: qkMutex::id(),
+// read inline from the platform layer's cached thread id.
 inline void* currentThread() {
-    return qkMutex::id();
+    return reinterpret_cast<void*>(qk::platform::threadId());
 }
 
 // The cached length. Several threads may read one string at once, and each
