@@ -46,7 +46,7 @@ void qkString::update(unsigned char keep) {
         if (keep) {
             unsigned n = textLength(shared);
             resize(n, 0);
-            std::memcpy(sp->buf, shared->buf, n + 1);
+            std::memcpy(sp->buf, shared->buf, n);  // resize wrote the terminator
         } else {
             init();
         }
