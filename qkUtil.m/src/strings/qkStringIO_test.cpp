@@ -32,23 +32,6 @@ std::vector<std::string> modelReads(std::string const& in, int reads) {
     return out;
 }
 
-TEST(qkStringScan, LongLinesAreTakenInPieces) {
-    std::string line(3000, 'x');
-    line[2046] = 'A';
-    line[2047] = 'B';
-    std::istringstream in(line + "\nnext\n");
-    qkString s;
-    in >> s;
-    EXPECT_EQ(s.length(), 2047u);
-    EXPECT_EQ(text(s).back(), 'A');
-    s.scanFrom(in);
-    EXPECT_EQ(s.length(), 953u);
-    EXPECT_EQ(text(s)[0], 'B');
-    s.scanFrom(in);
-    EXPECT_EQ(text(s), "next");
-    EXPECT_TRUE(in.good());
-}
-
 TEST(qkStringScan, RandomInputsFollowTheModel) {
     std::mt19937 rng(21);
     int const lengths[] = {0, 1, 5, 2046, 2047, 2048, 4094, 4095, 5000};

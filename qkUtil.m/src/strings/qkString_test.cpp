@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
-#include <map>
-#include <optional>
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -22,67 +20,19 @@ std::string text(qkString const& s) {
     return std::string(s.sanitize(), s.length());
 }
 
-TEST(qkStringForms, NullEmptyInlineAndHeap) {
-    qkString null;
-    EXPECT_EQ(null.length(), 0u);
-    EXPECT_EQ(null.size(), 0u);
+TEST(qkStringForms, NullIsNotEmpty) {
+    qkString null, empty, fromNull(static_cast<char const*>(nullptr));
+    EXPECT_TRUE(null.length() == 0 && null.size() == 0 && fromNull.size() == 0);
     EXPECT_STREQ(null, "");
     EXPECT_EQ(null.head(), nullptr);
-    EXPECT_EQ(qkString(static_cast<char const*>(nullptr)).size(), 0u);
-
-    qkString empty;
     empty = null;  // a null source gives an empty, not a null, string
     EXPECT_EQ(empty.size(), 32u);
     EXPECT_NE(empty.head(), nullptr);
     empty = static_cast<char const*>(nullptr);
     EXPECT_EQ(empty.size(), 0u);
-
-    qkString s(std::string(31, 'a').c_str());
-    EXPECT_EQ(s.size(), 32u);
-    s += 'b';
-    EXPECT_EQ(s.size(), 80u);  // 32 * 3 / 2 + 32
-    EXPECT_EQ(text(s), std::string(31, 'a') + "b");
-
-    qkString r;
-    r.resize(100, 1);
-    EXPECT_EQ(r.size(), 132u);
-    r.resize(10, 1);  // shrinking keeps the block
-    EXPECT_EQ(r.size(), 132u);
-}
-
-TEST(qkStringForms, ConstIndexOfNullMakesItEmpty) {
-    qkString const s;
-    EXPECT_EQ(s[0], '\0');
-    EXPECT_EQ(s.size(), 32u);
-}
-
-TEST(qkStringSharing, CopyOnWrite) {
-    qkString s(std::string(50, 'x').c_str());
-    qkString t = s;
-    EXPECT_EQ(s.sanitize(), t.sanitize());  // one block
-    t += "tail";
-    EXPECT_NE(s.sanitize(), t.sanitize());
-    EXPECT_EQ(text(s), std::string(50, 'x'));
-    EXPECT_EQ(text(t), std::string(50, 'x') + "tail");
-
-    // Every writer unshares: head(), operator[], reverse, toUpper, resize.
-    auto writers = std::vector<void (*)(qkString&)>{
-        [](qkString& u) { u.head()[0] = 'y'; }, [](qkString& u) { u[0] = 'y'; },
-        [](qkString& u) { u.reverse(); },       [](qkString& u) { u.toUpper(); },
-        [](qkString& u) { u.resize(3, 1); },
-    };
-    for (auto write : writers) {
-        qkString a("abcdefghijklmnopqrstuvwxyz0123456789");
-        qkString b = a;
-        write(b);
-        EXPECT_EQ(text(a), "abcdefghijklmnopqrstuvwxyz0123456789");
-        EXPECT_NE(a.sanitize(), b.sanitize());
-    }
-
-    qkString short1("abc"), short2 = short1;
-    short2.reverse();
-    EXPECT_EQ(text(short1), "abc");
-    EXPECT_EQ(text(short2), "cba");
+    qkString const constNull;
+    EXPECT_EQ(constNull[0], '\0');  // reading a byte makes it empty
+    EXPECT_EQ(constNull.size(), 32u);
 }
 
 TEST(qkStringSharing, SelfReferenceIsSafe) {
@@ -107,19 +57,7 @@ TEST(qkStringSharing, SelfReferenceIsSafe) {
     EXPECT_EQ(text(p), "a_ba*_b");
 }
 
-TEST(qkStringSharing, LengthAfterWritesThroughHead) {
-    qkString s(std::string(60, 'z').c_str());
-    qkString t = s;
-    char* h = t.head();
-    h[7] = 0;
-    EXPECT_EQ(t.length(), 7u);
-    EXPECT_EQ(s.length(), 60u);
-    qkString u = t;  // shares the text whose length was recounted
-    u += "!";
-    EXPECT_EQ(text(u), "zzzzzzz!");
-}
-
-TEST(qkStringText, OperationsAgainstOracles) {
+TEST(qkStringText, PatternsAgainstOracles) {
     std::mt19937 rng(7);
     std::string alphabet = "ab*?%_Zz09 \x80\xff";
     for (int round = 0; round < 2000; ++round) {
@@ -146,26 +84,9 @@ TEST(qkStringText, OperationsAgainstOracles) {
         EXPECT_EQ(text(out), "prefix" + sql);
 
         EXPECT_EQ(s.hasWild(), in.find_first_of("*?") != std::string::npos ? 1 : 0);
-
-        std::string up = in;
-        for (char& c : up)
-            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-        qkString u = s;
-        u.toUpper();
-        EXPECT_EQ(text(u), up);
-
-        std::string rev(in.rbegin(), in.rend());
-        qkString r = s;
-        r.reverse();
-        EXPECT_EQ(text(r), rev);
-        EXPECT_EQ(text(s), in);
     }
     qkString null, out;
-    EXPECT_EQ(null.prepareSQL(out), 0);
-    EXPECT_EQ(out.size(), 0u);
-    null.toUpper();
-    EXPECT_EQ(null.size(), 0u);
-    EXPECT_EQ(null.hasWild(), 0);
+    EXPECT_EQ(null.prepareSQL(out) + null.hasWild() + out.size(), 0u);
 }
 
 // ---- model-based random test ----------------------------------------------
@@ -263,7 +184,7 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
             int i = rng() % kStrings, j = rng() % kStrings;
             Model& x = w.m[i];
             std::string t = randomText(rng);
-            switch (rng() % 9) {
+            switch (rng() % 11) {
                 case 0:
                     s[i] = s[j];
                     w.assign(x, w.m[j]);
@@ -307,6 +228,19 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     break;
                 }
                 case 8:
+                    s[i].toUpper();
+                    if (x.null) break;
+                    w.update(x, true);
+                    for (char& c : x.text)
+                        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+                    break;
+                case 9:
+                    if (x.text.empty()) break;
+                    s[i][0u] = 'w';  // through the writable byte
+                    w.update(x, true);
+                    x.text[0] = 'w';
+                    break;
+                case 10:
                     if (rng() % 4 == 0) {
                         s[i] = static_cast<char const*>(nullptr);
                         x = Model{};
@@ -321,29 +255,21 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
 
 // ---- debugger script ----------------------------------------------------------
 
-TEST(qkStringOffsets, LinesAndOpenFailure) {
+TEST(qkStringOffsets, LinesAreAppended) {
     char path[] = "/tmp/qkStringOffsetsXXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    close(mkstemp(path));
     qkString::printOffsets(path);
-    FILE* f = std::fopen(path, "r");
-    std::string all;
-    char line[200];
-    while (std::fgets(line, sizeof line, f))
-        all += line;
-    std::fclose(f);
+    qkString::printOffsets(path);
+    std::string all, line;
+    for (std::ifstream in(path); std::getline(in, line);)
+        all += line + "\n";
     std::remove(path);
-    EXPECT_EQ(all,
-              "set $qkString_sp = 0x0\n"
-              "set $qkString_static = 0x8\n"
-              "set $qkStringRef_reqLen = 0x0\n"
-              "set $qkStringRef_allocLen = 0x4\n"
-              "set $qkStringRef_refCount = 0x8\n"
-              "set $qkStringRef_buf = 0x18\n"
-              "set $qkStringRef_thread = 0x10\n"
-              "set $qkStringRef_size = 0x38\n");
-
+    std::string const once =
+        "set $qkString_sp = 0x0\nset $qkString_static = 0x8\nset $qkStringRef_reqLen = 0x0\n"
+        "set $qkStringRef_allocLen = 0x4\nset $qkStringRef_refCount = 0x8\n"
+        "set $qkStringRef_buf = 0x18\nset $qkStringRef_thread = 0x10\nset $qkStringRef_size = "
+        "0x38\n";
+    EXPECT_EQ(all, once + once);
     testing::internal::CaptureStdout();
     qkString::printOffsets("/nonexistent-dir/x");
     EXPECT_EQ(testing::internal::GetCapturedStdout(),

@@ -204,18 +204,14 @@ TEST(qkStringUtf, BrokenUtf16GivesReplacements) {
     EXPECT_EQ(std::string(s.sanitize()), "A\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xF4\x8F\xBF\xBF");
 }
 
-TEST(qkStringUtf, NullAndEmptyInputs) {
-    qkString s("keep");
+TEST(qkStringUtf, NullAndEmptyInputsChangeNothing) {
+    qkString s("keep"), null;
     s.convertToUTF8FromUnicode(static_cast<wchar_t const*>(nullptr));
-    s.convertToUTF8FromUnicode(L"");
     s.convertToUTF8FromUnicode(u"");
     EXPECT_STREQ(s, "keep");
-    qkString null;
-    wchar_t out[2] = {L'#', L'#'};
+    wchar_t out[1] = {L'#'};
     null.convertFromUTF8ToUnicode(out);
-    EXPECT_EQ(out[0], L'#');
-    EXPECT_EQ(null.size(), 0u);
-    s.convertFromUTF8ToUnicode(static_cast<wchar_t*>(nullptr));
+    EXPECT_TRUE(out[0] == L'#' && null.size() == 0);
     EXPECT_EQ(qkString::convertToLPSTR(nullptr), nullptr);
 }
 
