@@ -57,7 +57,9 @@ void qkString::update(unsigned char keep) {
 int qkString::resize(unsigned int len, unsigned char keep) {
     update(keep);
     if (len >= static_cast<unsigned>(sp->allocLen)) grow(len);
-    sp->buf[len] = 0;
+    // A heap block's text runs past the declared 32 bytes of buf; address it
+    // from the block so the compiler does not take buf's size for the limit.
+    (reinterpret_cast<char*>(sp) + kHeader)[len] = 0;
     return 1;
 }
 

@@ -9,7 +9,6 @@
 #include "platform/platform.h"
 #include "qkMemory.h"
 #include "qkString.h"
-#include "qkThread.h"
 
 namespace qk::str {
 
