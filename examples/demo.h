@@ -2,3 +2,4 @@
 #pragma once
 
 void demoThreads();
+void demoStrings();

@@ -7,6 +7,7 @@
 int main() {
     std::printf("qkUtil example host\n");
     demoThreads();
+    demoStrings();
     std::printf("\ndone.\n");
     return 0;
 }

@@ -11,4 +11,5 @@
 #include "TagdbStore.h"
 #include "qkExport.h"
 #include "qkMemory.h"
+#include "qkString.h"
 #include "qkThread.h"
