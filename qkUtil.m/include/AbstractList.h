@@ -182,7 +182,9 @@ class AbstractList : public BaseList {
     // When no element equals x, takes ownership of x and inserts it in
     // order; returns the insertion position, or the equal element's position
     // with found = true (x then stays the caller's).
-    int insertSortedUnique(T const& x, bool& found) { return insertSortedUniqueAfter(x, found, -1); }
+    int insertSortedUnique(T const& x, bool& found) {
+        return insertSortedUniqueAfter(x, found, -1);
+    }
     int insertSortedUniqueAfter(T const& x, bool& found, int after);
 
     // Appends "set $AbstractList_<field> = 0x<offset>" debugger lines for

@@ -13,3 +13,5 @@
 #include "qkMemory.h"
 #include "qkString.h"
 #include "qkThread.h"
+#include "AbstractList.h"
+#include "IntList.h"

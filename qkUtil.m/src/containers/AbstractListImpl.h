@@ -24,7 +24,11 @@
 
 template <class T, char const* Name>
 AbstractList<T, Name>::AbstractList(int n)
-    : compareFunction_(nullptr), sorted_(1), items_(static_), static_{}, size_(kInlineCount),
+    : compareFunction_(nullptr),
+      sorted_(1),
+      items_(static_),
+      static_{},
+      size_(kInlineCount),
       count_(0) {
     if (n > kInlineCount) grow(bestNewSize(n));
 }

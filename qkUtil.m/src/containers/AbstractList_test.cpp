@@ -417,8 +417,8 @@ TEST(PointerListSearchTest, EqualRunsAndRanges) {
         std::sort(keys.begin(), keys.end());
         for (int k : keys)
             list.append(new Probe(k));
-        list.setCompareFunction([](Probe const& a, Probe const& b) { return compareInts(a.key, b.key); },
-                                true);
+        list.setCompareFunction(
+            [](Probe const& a, Probe const& b) { return compareInts(a.key, b.key); }, true);
         for (int x = -1; x <= 7; ++x) {
             Probe probe(x);
             for (int after = -1; after <= n; ++after) {
@@ -479,6 +479,15 @@ TEST(PointerListTest, SetItemBeyondTheEndLeavesNullGaps) {
     EXPECT_EQ(list.capacity(), 60);  // bestNewSize(41)
     for (int j = 0; j < 40; ++j)
         ASSERT_EQ(list.item(j), nullptr) << j;
+    // Slots vacated by removals read as null too, inside the capacity.
+    for (int j = 0; j < 40; ++j)
+        list.setItem(j, new Probe(j));
+    list.removeAndDelete(40);
+    list.removeAndDelete(39);
+    list.setItem(45, new Probe(45));
+    EXPECT_EQ(list.capacity(), 60);
+    for (int j = 39; j < 45; ++j)
+        ASSERT_EQ(list.item(j), nullptr) << j;
     delete dropped;
     list.freeAll();
     EXPECT_TRUE(Probe::live().empty());
@@ -500,6 +509,9 @@ TEST(PointerListTest, ClearFromDeletesOnlyTheTail) {
     std::vector<Probe*> made;
     for (int j = 0; j < 5; ++j)
         list.append(made.emplace_back(new Probe(j)));
+    // Replacing an element by itself keeps it, even when the old one is to go.
+    list.replaceItem(3, made[3], true);
+    EXPECT_EQ(Probe::live().count(made[3]), 1u);
     list.clear(2);
     EXPECT_EQ(list.count(), 0);
     EXPECT_EQ(Probe::live(), (std::set<Probe const*>{made[0], made[1]}));
@@ -533,9 +545,7 @@ TEST(PointerListIteratorTest, DefaultAndRescan) {
 TEST(PointerListTest, PrintOffsetsAppendsOneLinePerField) {
     std::string path = ::testing::TempDir() + "offsets.gdb";
     std::remove(path.c_str());
-    {
-        std::ofstream(path) << "# existing\n";
-    }
+    { std::ofstream(path) << "# existing\n"; }
     IntListList::printOffsets(path.c_str());
     std::ifstream in(path);
     std::vector<std::string> lines;

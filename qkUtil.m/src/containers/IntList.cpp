@@ -16,7 +16,11 @@ int compareInts(int const& a, int const& b) {
 }
 
 IntList::IntList()
-    : items_(static_), static_{}, size_(kInlineCount), count_(0), compareFunction_(compareInts),
+    : items_(static_),
+      static_{},
+      size_(kInlineCount),
+      count_(0),
+      compareFunction_(compareInts),
       sorted_(1) {}
 
 IntList::IntList(int n) : IntList() {

@@ -228,7 +228,8 @@ class IntListModelTest : public ::testing::Test {
             case 2: {
                 bool before = coin(), found = before;
                 bool unique = coin();
-                int pos = unique ? list.insertSortedUnique(x, found) : list.findSortedUnique(x, found);
+                int pos =
+                    unique ? list.insertSortedUnique(x, found) : list.findSortedUnique(x, found);
                 if (!searchable) {
                     ASSERT_EQ(pos, -1);
                     ASSERT_EQ(found, before);  // untouched
@@ -251,8 +252,9 @@ class IntListModelTest : public ::testing::Test {
                 break;
             }
             default: {
-                bool expected = model.cmp && std::any_of(model.items.begin(), model.items.end(),
-                                                         [&](int v) { return model.cmp(v, x) == 0; });
+                bool expected =
+                    model.cmp && std::any_of(model.items.begin(), model.items.end(),
+                                             [&](int v) { return model.cmp(v, x) == 0; });
                 if (!model.sorted || exact || !model.cmp) {
                     ASSERT_EQ(list.isContained(x), expected);
                 }

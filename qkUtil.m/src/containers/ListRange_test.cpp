@@ -20,7 +20,7 @@ void withStdoutCaptured(std::function<void()> const& f) {
     f();
 }
 
-#define EXPECT_RANGE_ERROR(statement, text)                                                \
+#define EXPECT_RANGE_ERROR(statement, text)                                                 \
     EXPECT_EXIT(withStdoutCaptured([&] { statement; }), ::testing::KilledBySignal(SIGABRT), \
                 ::testing::Eq(std::string(text)))
 
@@ -37,7 +37,8 @@ TEST(ListRangeDeathTest, ExactLines) {
     EXPECT_RANGE_ERROR(three[5], "internal error: list index 5 out of range \n");
 
     IntListList empty;
-    EXPECT_RANGE_ERROR(empty[0], "internal error: IntListList index 0 out of range (list is empty)\n");
+    EXPECT_RANGE_ERROR(empty[0],
+                       "internal error: IntListList index 0 out of range (list is empty)\n");
 
     IntListList* four = listOf(4);
     EXPECT_RANGE_ERROR((*four)[7],
@@ -80,7 +81,8 @@ TEST(ListRangeDeathTest, EveryCheckedEntryOfThePointerLists) {
 
     // The list name is the instance's own.
     ProbeList probes;
-    EXPECT_RANGE_ERROR(probes[0], "internal error: ProbeList index 0 out of range (list is empty)\n");
+    EXPECT_RANGE_ERROR(probes[0],
+                       "internal error: ProbeList index 0 out of range (list is empty)\n");
 }
 
 }  // namespace
