@@ -77,12 +77,19 @@ class QK_EXPORT IntList : public BaseList {
 
     // Insertions. Each one leaves a list of two or more elements unsorted.
     void append(int const& v) {
-        if (QK_LIKELY(count_ < size_)) {
-            items_[count_++] = v;
+        int value = v;
+        int n = count_;
+        if (QK_LIKELY(n < size_)) {
+            // Element first, then count: the int store may alias the count,
+            // and this order lets the compiler keep the count in a register.
+            items_[n] = value;
+            count_ = n + 1;
         } else {
-            insertItem(count_, &v);
+            appendGrowing(value);
         }
-        unsortIfMany();
+        // Test before storing: a byte store would force every field to be
+        // read again on the next append.
+        if (n >= 1 && sorted_) sorted_ = 0;
     }
     void append(int const* v) { append(*v); }
     IntList& operator<<(int const& v) {
@@ -164,6 +171,8 @@ class QK_EXPORT IntList : public BaseList {
     void copyElements(IntList const& o);
     void takeStorage(IntList& o);
     QK_NOINLINE void grow(int newSize);
+    // append's slow path; by value, so the caller's variable stays in a register.
+    QK_NOINLINE void appendGrowing(int value);
 
     int* items_;
     int static_[kInlineCount];

@@ -119,6 +119,10 @@ void IntList::insertItem(int i, int const* v) {
     ++count_;
 }
 
+void IntList::appendGrowing(int value) {
+    insertItem(count_, &value);
+}
+
 void IntList::append(IntList const& o) {
     if (this == &o) {
         IntList copy(o);
@@ -173,6 +177,11 @@ void IntList::sort(QsortCompare cmp) {
 
 int IntList::findSortedUnique(int const& x, bool& found) const {
     if (!searchable()) return -1;
+    // The default order is compared inline rather than through the pointer.
+    if (compareFunction_ == compareInts) {
+        return halve(
+            0, count_, [&](int pos) { return (items_[pos] > x) - (items_[pos] < x); }, found);
+    }
     return halve(
         0, count_, [&](int pos) { return compareFunction_(items_[pos], x); }, found);
 }
