@@ -2,6 +2,8 @@
 // public interface.
 #pragma once
 
+#include "AbstractList.h"
+#include "IntList.h"
 #include "LinkedList.h"
 #include "Tagdb.h"
 #include "TagdbCommon.h"
@@ -13,5 +15,3 @@
 #include "qkMemory.h"
 #include "qkString.h"
 #include "qkThread.h"
-#include "AbstractList.h"
-#include "IntList.h"

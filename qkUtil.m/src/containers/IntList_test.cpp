@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "IntList.h"
+#include "ListTestSupport.h"
 
 namespace {
 
@@ -22,14 +23,6 @@ int qsortAsc(void const* a, void const* b) {
 }
 int qsortDesc(void const* a, void const* b) {
     return qsortAsc(b, a);
-}
-
-// Capacity after growth for n elements: counts up through 2^k - 4.
-int capacityAbove(int n) {
-    int cap = 28;
-    while (cap <= n)
-        cap = (cap + 4) * 2 - 4;
-    return cap;
 }
 
 struct Model {
@@ -263,43 +256,34 @@ class IntListModelTest : public ::testing::Test {
     }
 
     void stepCopyOrClear() {
-        switch (rand(0, 5)) {
-            case 0:
-                list.clear();
-                model.items.clear();
-                model.capacity = 12;
-                model.sorted = true;
-                break;
-            case 1: {
-                IntList copy(list);
-                list = IntList();  // the original must not share storage with the copy
-                list = std::move(copy);
-                ASSERT_EQ(copy.count(), 0);
-                ASSERT_EQ(copy.capacity(), 12);
-                model.capacity = model.count() > 12 ? capacityAbove(model.count() - 1) : 12;
-                break;
-            }
-            case 2: {
-                Model m;
-                IntList other = randomList(m);
-                other.setCompareFunction(compareDesc);
-                list = other;
-                m.cmp = compareDesc;
-                if (m.count() > 1) m.sorted = false;
-                m.capacity = m.count() > 12 ? capacityAbove(m.count() - 1) : 12;
-                model = m;
-                break;
-            }
-            case 3: {
-                IntList& self = list;
-                list = self;  // changes nothing
-                break;
-            }
-            default: {
-                IntList moved(std::move(list));
-                list = std::move(moved);
-            }
+        int kind = rand(0, 3);
+        if (kind == 0) {
+            list.clear();
+            model.items.clear();
+            model.sorted = true;
+        } else if (kind == 1) {
+            // A copy holds its own storage, sized as if appended one by one.
+            IntList copy(list);
+            list = IntList();
+            IntList& self = copy;
+            copy = self;
+            list = std::move(copy);
+            ASSERT_EQ(copy.count(), 0);
+            ASSERT_EQ(copy.capacity(), 12);
+        } else if (kind == 2) {
+            Model m;
+            IntList other = randomList(m);
+            other.setCompareFunction(compareDesc);
+            list = other;
+            m.cmp = compareDesc;
+            m.sorted = m.count() < 2;
+            model = m;
+        } else {
+            IntList moved(std::move(list));  // takes the heap array, if any
+            list = std::move(moved);
+            return;
         }
+        model.capacity = model.count() > 12 ? capacityAbove(model.count() - 1) : 12;
     }
 
     void run(unsigned seed, int steps) {

@@ -32,5 +32,14 @@ struct BigProbe : Probe {
     std::unique_ptr<std::vector<int>> payload;
 };
 
+// The capacity the growth rule gives a list that must hold more than n
+// elements, counted up through 2^k - 4 from 28.
+inline int capacityAbove(int n) {
+    int cap = 28;
+    while (cap <= n)
+        cap = (cap + 4) * 2 - 4;
+    return cap;
+}
+
 inline constexpr char kProbeListName[] = "ProbeList";
 using ProbeList = AbstractList<Probe, kProbeListName>;
