@@ -159,7 +159,8 @@ class AbstractList : public BaseList {
     // A new compare function makes a list of two or more elements unsorted;
     // isSorted then declares it sorted.
     void setCompareFunction(CompareFunction f, bool isSorted = false);
-    // Reorders the pointers with qsort; the sorted flag stays as it was.
+    // Reorders the pointers with qsort and cmp (null: nothing); the sorted
+    // flag stays as it was.
     void sort(QsortCompare cmp);
     // Declares the list sorted.
     void sorted() { sorted_ = 1; }

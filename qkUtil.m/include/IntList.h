@@ -133,7 +133,8 @@ class QK_EXPORT IntList : public BaseList {
 
     // A different compare function makes a list of two or more unsorted.
     void setCompareFunction(CompareFunction f);
-    // Sorts in place with qsort and cmp; the sorted flag stays as it was.
+    // Sorts in place with qsort and cmp (null: nothing); the sorted flag
+    // stays as it was.
     void sort(QsortCompare cmp);
     // Declares the list sorted.
     void sorted() { sorted_ = 1; }
