@@ -3,3 +3,4 @@
 
 void demoThreads();
 void demoStrings();
+void demoLists();

@@ -8,6 +8,7 @@ int main() {
     std::printf("qkUtil example host\n");
     demoThreads();
     demoStrings();
+    demoLists();
     std::printf("\ndone.\n");
     return 0;
 }

@@ -2,6 +2,8 @@
 // public interface.
 #pragma once
 
+#include "AbstractList.h"
+#include "IntList.h"
 #include "LinkedList.h"
 #include "Tagdb.h"
 #include "TagdbCommon.h"

@@ -1,0 +1,218 @@
+// The member definitions of AbstractList. A source that instantiates the
+// template for an element type (IntListList.cpp, the value list) includes
+// this header and names the instance with `template class AbstractList<...>`;
+// everyone else sees only the declarations in AbstractList.h.
+//
+// Invariant kept by every operation: the slots count .. size-1 of the active
+// pointer array are null. Growth zero-fills the new part, removals clear the
+// slot they vacate and a return to the inline storage clears it, so the list
+// never holds on to a pointer it no longer counts, and positions that setItem
+// passes over read as null rather than as an element deleted long ago.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "AbstractList.h"
+#include "qkMemory.h"
+
+// The allocation site tag for the pointer arrays: an address inside the list
+// operation that asked for memory.
+#define QK_LIST_CALLER static_cast<char const*>(getCaller(16))
+
+template <class T, char const* Name>
+AbstractList<T, Name>::AbstractList(int n)
+    : compareFunction_(nullptr),
+      sorted_(1),
+      items_(static_),
+      static_{},
+      size_(kInlineCount),
+      count_(0) {
+    if (n > kInlineCount) grow(bestNewSize(n));
+}
+
+template <class T, char const* Name>
+AbstractList<T, Name>::~AbstractList() {
+    clear(0);
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::grow(int newSize) {
+    size_t bytes = sizeof(T*) * size_t(newSize);
+    T** bigger;
+    if (onHeap()) {
+        bigger = static_cast<T**>(qkRealloc(items_, bytes, QK_LIST_CALLER, __LINE__));
+    } else {
+        bigger = static_cast<T**>(qkMalloc(bytes, QK_LIST_CALLER, __LINE__));
+        std::memcpy(bigger, static_, sizeof static_);
+    }
+    std::memset(bigger + count_, 0, sizeof(T*) * size_t(newSize - count_));
+    items_ = bigger;
+    size_ = newSize;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::clear(int from) {
+    for (int i = from; i < count_; ++i)
+        delete getItem(i);
+    removeAllItems();
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::removeAllItems() {
+    if (onHeap()) {
+        qkFree(items_, QK_LIST_CALLER, __LINE__);
+        items_ = static_;
+        size_ = kInlineCount;
+    }
+    std::memset(static_, 0, sizeof static_);
+    count_ = 0;
+    sorted_ = 1;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::append(AbstractList const& o) {
+    // Taken first: appending a list to itself must not chase its own tail.
+    int n = o.count_;
+    for (int j = 0; j < n; ++j)
+        insertItem(count_, o.items_[j], true);
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::insertItem(int i, T const* p, bool unsort) {
+    if (count_ == size_) grow(bestNewSize(count_ + 1));
+    if (i < 0) i = 0;
+    if (i > count_) i = count_;
+    std::memmove(items_ + i + 1, items_ + i, sizeof(T*) * size_t(count_ - i));
+    items_[i] = const_cast<T*>(p);
+    ++count_;
+    if (unsort && count_ >= 2) sorted_ = 0;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::setItem(int i, T const* p, bool unsort) {
+    if (i < 0) BaseList::abort(i, Name, count_);
+    if (i >= size_) grow(bestNewSize(i + 1));
+    items_[i] = const_cast<T*>(p);
+    if (i >= count_) count_ = i + 1;
+    if (unsort && count_ >= 2) sorted_ = 0;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::replaceItem(int i, T const* p, bool deleteOld, bool unsort) {
+    T* old = getItem(i);
+    if (deleteOld && old != p) delete old;
+    items_[i] = const_cast<T*>(p);
+    if (unsort && count_ >= 2) sorted_ = 0;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::removeItem(int i) {
+    getItem(i);
+    std::memmove(items_ + i, items_ + i + 1, sizeof(T*) * size_t(count_ - i - 1));
+    items_[--count_] = nullptr;
+    if (count_ < 2) sorted_ = 1;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::removeAndDelete(int i) {
+    delete getItem(i);
+    removeItem(i);
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::swap(int i, int j) {
+    T* a = getItem(i);
+    items_[i] = getItem(j);
+    items_[j] = a;
+    sorted_ = 0;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::setCompareFunction(CompareFunction f, bool isSorted) {
+    if (f != compareFunction_) {
+        compareFunction_ = f;
+        if (count_ > 1) sorted_ = 0;
+    }
+    if (isSorted) sorted_ = 1;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::sort(QsortCompare cmp) {
+    if (cmp && count_ > 1) std::qsort(items_, size_t(count_), sizeof(T*), cmp);
+}
+
+template <class T, char const* Name>
+int AbstractList<T, Name>::insertSorted(T const& x) {
+    if (!sorted_ || !compareFunction_) return -1;
+    bool found;
+    int pos = halve(
+        0, count_, [&](int mid) { return compareFunction_(*items_[mid], x); }, found);
+    insertItem(pos, &x, false);
+    return pos;
+}
+
+template <class T, char const* Name>
+int AbstractList<T, Name>::findSortedAfter(T const& x, bool& found, int after, bool first) const {
+    if (!sorted_ || !compareFunction_) return -2;
+    found = false;
+    if (after < -1) after = -1;
+    int result = after;
+    int lo = after + 1;
+    int hi = count_;
+    while (lo < hi) {
+        int mid = lo + (hi - lo) / 2;
+        int c = compareFunction_(*items_[mid], x);
+        if (c < 0) {
+            result = mid;
+            lo = mid + 1;
+        } else if (c > 0) {
+            hi = mid;
+        } else if (!first) {
+            found = true;
+            return mid;
+        } else if (mid - lo >= 2) {
+            // Equal, but lower equal elements may remain in lo .. mid-1: keep
+            // mid in the range and halve again.
+            hi = mid + 1;
+        } else {
+            // At most one position below mid is left; everything before lo
+            // compares below x.
+            found = true;
+            if (mid == lo || compareFunction_(*items_[lo], x) != 0) return mid;
+            return lo;
+        }
+    }
+    return result;
+}
+
+template <class T, char const* Name>
+int AbstractList<T, Name>::insertSortedUniqueAfter(T const& x, bool& found, int after) {
+    int below = findSortedAfter(x, found, after, false);
+    if (below == -2 || found) return below;
+    // An `after` at or beyond the end leaves x at the end: report where it went.
+    int pos = below + 1 < count_ ? below + 1 : count_;
+    insertItem(pos, &x, false);
+    return pos;
+}
+
+template <class T, char const* Name>
+void AbstractList<T, Name>::printOffsets(char const* path) {
+    std::FILE* f = std::fopen(path, "a");
+    if (!f) {
+        std::printf("error opening %s for append\n", path);
+        return;
+    }
+    std::fprintf(f, "set $AbstractList_compareFunction = 0x%x\n",
+                 unsigned(offsetof(AbstractList, compareFunction_)));
+    std::fprintf(f, "set $AbstractList_sorted = 0x%x\n", unsigned(offsetof(AbstractList, sorted_)));
+    std::fprintf(f, "set $AbstractList_items = 0x%x\n", unsigned(offsetof(AbstractList, items_)));
+    std::fprintf(f, "set $AbstractList_static = 0x%x\n", unsigned(offsetof(AbstractList, static_)));
+    std::fprintf(f, "set $AbstractList_size = 0x%x\n", unsigned(offsetof(AbstractList, size_)));
+    std::fprintf(f, "set $AbstractList_count = 0x%x\n", unsigned(offsetof(AbstractList, count_)));
+    std::fclose(f);
+}
+
+#undef QK_LIST_CALLER
