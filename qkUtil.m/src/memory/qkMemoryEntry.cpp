@@ -49,7 +49,7 @@ size_t qkMemSize(void* p) {
     qkMemory* m = manager();
     if (!p || !m) return 0;
     MEMORY_HEADER* h = qkMemoryInternals::headerOf(m, p);
-    switch (peekTag(h)) {
+    switch (peekTag(p, h)) {
         case TAG_LARGE_USED:
             return static_cast<size_t>(h->size);
         case TAG_SMALL_USED:

@@ -28,6 +28,15 @@ TEST(qkMemoryEntry, CallocStrdupAndThreadHeaps) {
     EXPECT_EQ(qkStrdup(nullptr, "e", 7), nullptr);
     qkFree(nullptr, "e", 8);
     EXPECT_EQ(qkMemSize(nullptr), 0u);
+    // Blocks of the process's malloc (the C runtime's, or a sanitizer's) are
+    // recognised as not the manager's and released where they came from.
+    for (size_t n : {0, 1, 24, 5000, 200000}) {
+        void* foreign = std::malloc(n);
+        EXPECT_EQ(qkMemSize(foreign), 0u);
+        foreign = qkRealloc(foreign, n + 10, "e", 9);
+        EXPECT_EQ(qkMemSize(foreign), 0u);
+        qkFree(foreign, "e", 10);
+    }
 
     MEMORY_THREAD* mine = qkMemoryThread();
     EXPECT_EQ(qkMemoryThread(), mine);

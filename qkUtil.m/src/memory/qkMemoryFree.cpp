@@ -75,8 +75,7 @@ QK_NOINLINE void qkMemoryInternals::freeRemote(qkMemory* m, MEMORY_THREAD* mt,
 // that frees them. A free small block released again is reported and left
 // alone. Anything else was not made by the manager and goes to the C runtime.
 QK_NOINLINE void qkMemoryInternals::freeOther(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h,
-                                              void* p, char const* caller, int line) {
-    uint32_t tag = peekTag(h);
+                                              uint32_t tag, void* p, char const* caller, int line) {
     if (tag == TAG_LARGE_USED) {
         long long size = static_cast<long long>(h->size);
         h->tag = TAG_RELEASED;
@@ -123,7 +122,7 @@ void* qkMemory::reallocMemory(void* p, size_t size, char const* caller, int line
     if (!p) return qkMemoryInternals::alloc(this, size, caller, line);
     MEMORY_THREAD* mt = qkMemoryInternals::thread(this);
     MEMORY_HEADER* h = qkMemoryInternals::headerOf(this, p);
-    uint32_t tag = peekTag(h);
+    uint32_t tag = peekTag(p, h);
     if (tag == TAG_SMALL_USED) {
         size_t have = static_cast<size_t>(h->owner->blockSize);
         if (have >= size) return p;

@@ -38,6 +38,16 @@
 #define QK_MEMORY_ASAN 1
 #include <sanitizer/asan_interface.h>
 #endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QK_MEMORY_SANITIZED 1
+// From the sanitizer runtimes (GCC ships no header for them). Under the
+// address sanitizer, ownership answers whether `p` is the start of one of its
+// blocks; under the thread sanitizer it also answers for interior pointers,
+// and the allocated size (non-zero for every block start, zero inside a
+// block) is the exact question.
+extern "C" int __sanitizer_get_ownership(void const volatile* p);
+extern "C" size_t __sanitizer_get_allocated_size(void const volatile* p);
+#endif
 
 namespace qk::memory {
 
@@ -143,11 +153,23 @@ inline qkMemory* manager() {
 }
 
 // Reads the tag of the header in front of `p`. The pointer may not be the
-// manager's: then these bytes belong to whoever made it (the C runtime's chunk
-// header, or a sanitizer's), so the read is kept out of the sanitizers' view.
-// Every tag value of the manager is impossible as the size word of a glibc
-// chunk, so a foreign block is never mistaken for one of ours.
-__attribute__((no_sanitize("address", "thread"))) inline uint32_t peekTag(MEMORY_HEADER const* h) {
+// manager's: then these bytes belong to whoever made it. Every tag value of
+// the manager is impossible as the size word of a glibc chunk (wrong low bits
+// or not a multiple of the chunk granularity), so a C runtime block is never
+// mistaken for one of ours. The sanitizers' heaps keep no such word in front
+// of a block (there may be no mapped memory at all), so in sanitizer builds a
+// block the sanitizer's allocator made itself is recognised as foreign
+// without reading in front of it: the manager's pointers are never the start
+// of such a block, since they lie behind a superblock or large-block header.
+__attribute__((no_sanitize("address", "thread"))) inline uint32_t peekTag(void const* p,
+                                                                          MEMORY_HEADER const* h) {
+#if defined(QK_MEMORY_ASAN)
+    if (__sanitizer_get_ownership(p)) return 0;
+#elif defined(QK_MEMORY_SANITIZED)
+    if (__sanitizer_get_allocated_size(p) != 0) return 0;
+#else
+    (void)p;
+#endif
     return *reinterpret_cast<uint32_t const volatile*>(&h->tag);
 }
 
@@ -190,7 +212,7 @@ struct QK_EXPORT qkMemoryInternals {
     static void freeOwnedSlow(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, bool wasEmpty);
     static void freeRemote(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
                            char const* caller, int line);
-    static void freeOther(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, void* p,
+    static void freeOther(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, uint32_t tag, void* p,
                           char const* caller, int line);
     static void finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h, void* data,
                             char const* caller);
@@ -272,7 +294,8 @@ struct QK_EXPORT qkMemoryInternals {
         if (p == nullptr) return;
         MEMORY_THREAD* mt = thread(m);
         MEMORY_HEADER* h = headerOf(m, p);
-        if (QK_LIKELY(qk::memory::peekTag(h) == qk::memory::TAG_SMALL_USED)) {
+        uint32_t tag = qk::memory::peekTag(p, h);
+        if (QK_LIKELY(tag == qk::memory::TAG_SMALL_USED)) {
             MEMORY_SUPERBLOCK* sb = h->owner;
             h->tag = qk::memory::TAG_SMALL_FREE;
             qk::memory::poison(p, sb->blockSize);
@@ -280,9 +303,14 @@ struct QK_EXPORT qkMemoryInternals {
                 MEMORY_HEADER* head = sb->free;
                 h->next = head;
                 sb->free = h;
-                sb->allocCount -= 1;
-                if (QK_UNLIKELY(head == nullptr || !sb->link.linked() ||
-                                sb->allocCount == sb->freeCount.load(std::memory_order_relaxed))) {
+                int inUse = --sb->allocCount;
+                // The superblock changes state when its free list was empty,
+                // when it sits on no list, or when it fell idle and is not
+                // the last one of its bucket list.
+                LinkedList* next = sb->link.next();
+                if (QK_UNLIKELY(head == nullptr || next == &sb->link ||
+                                (inUse == sb->freeCount.load(std::memory_order_relaxed) &&
+                                 next != sb->link.prev()))) {
                     freeOwnedSlow(m, mt, sb, head == nullptr);
                 }
                 return;
@@ -290,6 +318,6 @@ struct QK_EXPORT qkMemoryInternals {
             freeRemote(m, mt, sb, h, caller, line);
             return;
         }
-        freeOther(m, mt, h, p, caller, line);
+        freeOther(m, mt, h, tag, p, caller, line);
     }
 };
