@@ -185,6 +185,36 @@ void Large(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// No allocation at all: how much parallelism the machine gave this run. Its
+// two-thread throughput against one thread is the ceiling for the others.
+void Control(benchmark::State& state) {
+    constexpr size_t kBatch = 10000;
+    uint64_t x = 88172645463325252ull + state.thread_index();
+    for (auto _ : state) {
+        for (size_t i = 0; i < kBatch; ++i) {
+            x ^= x << 13;
+            x ^= x >> 7;
+            x ^= x << 17;
+        }
+        benchmark::DoNotOptimize(x);
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// Brings every allocator to its steady state before anything is measured:
+// enough small requests for the memory manager to finish tuning its buckets
+// (200,000 + 400,000 + ... + 25,600,000 requests). QK_BENCH_WARMUP=0 skips
+// it, to measure the tuning phase instead.
+void warmUp() {
+    char const* setting = std::getenv("QK_BENCH_WARMUP");
+    if (setting && std::strcmp(setting, "0") == 0) return;
+    for (long i = 0; i < 52000000; ++i) {
+        void* p = allocate(static_cast<size_t>(1 + i % 512));
+        benchmark::DoNotOptimize(p);
+        release(p);
+    }
+}
+
 }  // namespace
 
 BENCHMARK(Pairs);
@@ -192,6 +222,7 @@ BENCHMARK(Batch)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK(ProducerConsumer)->Threads(2)->UseRealTime();
 BENCHMARK(Larson)->Threads(2)->UseRealTime();
 BENCHMARK(Large);
+BENCHMARK(Control)->Threads(1)->Threads(2)->UseRealTime();
 
 int main(int argc, char** argv) {
 #ifdef QK_DIRECT
@@ -199,6 +230,7 @@ int main(int argc, char** argv) {
 #endif
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    warmUp();
     benchmark::RunSpecifiedBenchmarks();
     // The spare array of the larson workload: release it like everything else.
     if (auto* last = shared.exchange(nullptr)) {

@@ -44,6 +44,10 @@ for name in names:
         # Nanoseconds per item (allocation + release), over all threads.
         ns = 1e9 / b["items_per_second"]
         medians.setdefault(workload, {})[name] = ns
+        if workload.startswith(("Batch", "Control")):
+            # CPU time per item: flat when threads do not slow each other down.
+            cpu = b["cpu_time"] / (b["items_per_second"] * b["real_time"] * 1e-9)
+            medians.setdefault(workload + " (cpu)", {})[name] = cpu
 print("| workload | " + " | ".join(names) + " |")
 print("|---|" + "---:|" * len(names))
 for w, row in medians.items():
@@ -56,9 +60,16 @@ print("|---|" + "---:|" * (len(ours) * len(peers)))
 for w, row in medians.items():
     print("| %s | %s |" % (w, " | ".join("%.2f" % (row[o] / row[p]) for o in ours for p in peers)))
 print()
-for o in ours:
-    one = medians.get("Batch/real_time/threads:1", {}).get(o)
-    two = medians.get("Batch/real_time/threads:2", {}).get(o)
-    if one and two:
-        print("%s: two threads run the batch workload at %.2fx the throughput of one" % (o, one / two))
+# Scaling of the thread-local batch workload: wall-clock throughput of two
+# threads against one, and the same for the allocation-free control, which
+# shows how much of the second core this run actually had.
+print("| two threads / one thread | " + " | ".join(names) + " |")
+print("|---|" + "---:|" * len(names))
+for w in ["Batch", "Control"]:
+    cells = []
+    for n in names:
+        one = medians.get(w + "/real_time/threads:1", {}).get(n)
+        two = medians.get(w + "/real_time/threads:2", {}).get(n)
+        cells.append("%.2fx" % (one / two) if one and two else "-")
+    print("| %s | %s |" % (w, " | ".join(cells)))
 EOF

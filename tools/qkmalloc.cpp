@@ -42,10 +42,19 @@ bool powerOfTwo(size_t n) {
 
 }  // namespace
 
-QK_SHIM void* malloc(size_t size) {
-    void* p = qkMalloc(size, QK_SITE, 0);
+// Sizes up to this one are never refused by the manager, so their calls go
+// straight on (a tail jump); larger ones may be, and then errno is set.
+constexpr size_t kNeverRefused = (size_t{1} << 31) - (size_t{1} << 16);
+
+__attribute__((noinline)) static void* mallocChecked(size_t size, char const* caller) {
+    void* p = qkMalloc(size, caller, 0);
     if (!p) errno = ENOMEM;
     return p;
+}
+
+QK_SHIM void* malloc(size_t size) {
+    if (__builtin_expect(size > kNeverRefused, 0)) return mallocChecked(size, QK_SITE);
+    return qkMalloc(size, QK_SITE, 0);
 }
 
 QK_SHIM void free(void* p) {

@@ -16,10 +16,25 @@ void* qkMemory::allocMemory(size_t size, char const* caller, int line) {
 }
 
 // Fill and debug work for a block just handed out.
-QK_NOINLINE void qkMemoryInternals::finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER*,
-                                                void* data, char const*) {
+QK_NOINLINE void* qkMemoryInternals::finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER*,
+                                                 void* data, char const*) {
     unsigned char fill = loadRelaxed(m->fill);
     if (fill) std::memset(data, fill, static_cast<size_t>(sb->blockSize));
+    return data;
+}
+
+// The calling thread's first request: make its heap first.
+QK_NOINLINE void* qkMemoryInternals::allocFirst(qkMemory* m, size_t size, char const* caller,
+                                                int line) {
+    threadSlow(m);
+    return alloc(m, size, caller, line);
+}
+
+// While buckets are still being tuned, every small request is counted first.
+QK_NOINLINE void* qkMemoryInternals::allocCounted(qkMemory* m, MEMORY_THREAD* mt, size_t size,
+                                                  char const* caller, int line) {
+    countRequest(m, size);
+    return allocSmall(m, mt, size, caller, line);
 }
 
 namespace {

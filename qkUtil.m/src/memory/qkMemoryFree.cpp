@@ -12,6 +12,13 @@ void qkMemory::freeMemory(void* p, char const* caller, int line) {
     qkMemoryInternals::free(this, p, caller, line);
 }
 
+// A release by a thread that has no heap yet: make it first (the block may
+// be one of another thread's superblocks, or a large or foreign block).
+QK_NOINLINE void qkMemoryInternals::freeFirst(qkMemory* m, void* p, char const* caller, int line) {
+    threadSlow(m);
+    free(m, p, caller, line);
+}
+
 // The owner released a block and the superblock changed state: its free list
 // was empty (it may sit on the full list), it sits on no list (a thread that
 // adopted it by freeing into it), or no block of it is in use any more.

@@ -49,6 +49,10 @@ extern "C" int __sanitizer_get_ownership(void const volatile* p);
 extern "C" size_t __sanitizer_get_allocated_size(void const volatile* p);
 #endif
 
+// The fast paths are inlined into every entry point (qkMalloc, qkFree, the
+// operators), so that a request costs one call from the caller.
+#define QK_ALWAYS_INLINE inline __attribute__((always_inline))
+
 namespace qk::memory {
 
 constexpr int kSmallLimit = 512;
@@ -214,8 +218,8 @@ struct QK_EXPORT qkMemoryInternals {
                            char const* caller, int line);
     static void freeOther(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, uint32_t tag, void* p,
                           char const* caller, int line);
-    static void finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h, void* data,
-                            char const* caller);
+    static void* finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h, void* data,
+                             char const* caller);
     // Hands every superblock of `mt` to the keep pool and zeroes its statistics.
     static void dismantle(qkMemory* m, MEMORY_THREAD* mt);
     // Dismantles and releases every heap record whose thread has ended; for
@@ -234,14 +238,29 @@ struct QK_EXPORT qkMemoryInternals {
     }
 
     // ---- The fast paths -----------------------------------------------------
+    //
+    // Every call out of a fast path is a tail call, so that the common case
+    // saves no registers: a thread without a heap yet, a large request, the
+    // tuning counts (only until the last bucket is tuned), an empty bucket
+    // list, fill and debug work all leave through one.
 
-    // The calling thread's heap: one thread-local load when it exists.
-    static MEMORY_THREAD* thread(qkMemory* m) {
+    static void* allocFirst(qkMemory* m, size_t size, char const* caller, int line);
+    static void* allocCounted(qkMemory* m, MEMORY_THREAD* mt, size_t size, char const* caller,
+                              int line);
+    static void freeFirst(qkMemory* m, void* p, char const* caller, int line);
+
+    // The calling thread's heap record, or null when it has none yet: one
+    // thread-local load.
+    QK_ALWAYS_INLINE static MEMORY_THREAD* heapOf(qkMemory* m) {
         void* record = qk::platform::tlsGet(m->infoKey);
-        if (QK_LIKELY(record != nullptr)) {
-            return &static_cast<qkMemoryThreadRecord*>(static_cast<qkThreadState*>(record))->heap;
-        }
-        return threadSlow(m);
+        if (QK_UNLIKELY(record == nullptr)) return nullptr;
+        return &static_cast<qkMemoryThreadRecord*>(static_cast<qkThreadState*>(record))->heap;
+    }
+
+    // The calling thread's heap, made on first use.
+    QK_ALWAYS_INLINE static MEMORY_THREAD* thread(qkMemory* m) {
+        MEMORY_THREAD* mt = heapOf(m);
+        return QK_LIKELY(mt != nullptr) ? mt : threadSlow(m);
     }
 
     // The tuning counts: plain increments that may lose counts under
@@ -255,8 +274,8 @@ struct QK_EXPORT qkMemoryInternals {
     }
 
     // Hands out the first free block of `sb`, owned by the calling thread.
-    static void* takeBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
-                           char const* caller) {
+    QK_ALWAYS_INLINE static void* takeBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
+                                            char const* caller) {
         sb->free = h->next;
         sb->allocCount += 1;
         h->tag = qk::memory::TAG_SMALL_USED;
@@ -264,19 +283,14 @@ struct QK_EXPORT qkMemoryInternals {
         char* data = reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
         qk::memory::unpoison(data, sb->blockSize);
         if (QK_UNLIKELY(m->debug | qk::memory::loadRelaxed(m->fill))) {
-            finishBlock(m, sb, h, data, caller);
+            return finishBlock(m, sb, h, data, caller);
         }
         return data;
     }
 
-    static void* alloc(qkMemory* m, size_t size, char const* caller, int line) {
-        MEMORY_THREAD* mt = thread(m);
-        if (QK_UNLIKELY(size > static_cast<size_t>(qk::memory::kSmallLimit))) {
-            return allocLarge(m, mt, size, caller, line);
-        }
-        if (QK_UNLIKELY(qk::memory::loadRelaxed(m->buckets) < qk::memory::kBucketLimit)) {
-            countRequest(m, size);
-        }
+    // A small request of the calling thread's heap: a bucket lookup and a pop.
+    QK_ALWAYS_INLINE static void* allocSmall(qkMemory* m, MEMORY_THREAD* mt, size_t size,
+                                             char const* caller, int line) {
         int b = std::atomic_ref<signed char>(m->bucketNumber[size]).load(std::memory_order_acquire);
         MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(mt->partial[b].next()->ref());
         if (QK_LIKELY(sb != nullptr)) {
@@ -286,13 +300,26 @@ struct QK_EXPORT qkMemoryInternals {
         return allocSlow(m, mt, b, caller, line);
     }
 
-    static MEMORY_HEADER* headerOf(qkMemory* m, void* p) {
+    QK_ALWAYS_INLINE static void* alloc(qkMemory* m, size_t size, char const* caller, int line) {
+        MEMORY_THREAD* mt = heapOf(m);
+        if (QK_UNLIKELY(mt == nullptr)) return allocFirst(m, size, caller, line);
+        if (QK_UNLIKELY(size > static_cast<size_t>(qk::memory::kSmallLimit))) {
+            return allocLarge(m, mt, size, caller, line);
+        }
+        if (QK_UNLIKELY(qk::memory::loadRelaxed(m->buckets) < qk::memory::kBucketLimit)) {
+            return allocCounted(m, mt, size, caller, line);
+        }
+        return allocSmall(m, mt, size, caller, line);
+    }
+
+    QK_ALWAYS_INLINE static MEMORY_HEADER* headerOf(qkMemory* m, void* p) {
         return reinterpret_cast<MEMORY_HEADER*>(static_cast<char*>(p) - m->debugHeaderSize) - 1;
     }
 
-    static void free(qkMemory* m, void* p, char const* caller, int line) {
+    QK_ALWAYS_INLINE static void free(qkMemory* m, void* p, char const* caller, int line) {
         if (p == nullptr) return;
-        MEMORY_THREAD* mt = thread(m);
+        MEMORY_THREAD* mt = heapOf(m);
+        if (QK_UNLIKELY(mt == nullptr)) return freeFirst(m, p, caller, line);
         MEMORY_HEADER* h = headerOf(m, p);
         uint32_t tag = qk::memory::peekTag(p, h);
         if (QK_LIKELY(tag == qk::memory::TAG_SMALL_USED)) {
@@ -311,13 +338,12 @@ struct QK_EXPORT qkMemoryInternals {
                 if (QK_UNLIKELY(head == nullptr || next == &sb->link ||
                                 (inUse == sb->freeCount.load(std::memory_order_relaxed) &&
                                  next != sb->link.prev()))) {
-                    freeOwnedSlow(m, mt, sb, head == nullptr);
+                    return freeOwnedSlow(m, mt, sb, head == nullptr);
                 }
                 return;
             }
-            freeRemote(m, mt, sb, h, caller, line);
-            return;
+            return freeRemote(m, mt, sb, h, caller, line);
         }
-        freeOther(m, mt, h, tag, p, caller, line);
+        return freeOther(m, mt, h, tag, p, caller, line);
     }
 };

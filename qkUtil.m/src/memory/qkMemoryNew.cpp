@@ -96,25 +96,34 @@ QK_NOINLINE void* retryAligned(size_t size, std::align_val_t alignment, bool not
 
 #define QK_OPERATOR __attribute__((visibility("default")))
 
-QK_OPERATOR void* operator new(size_t size) {
-    void* caller = QK_OPERATOR_CALLER(allocStackOffset);
+// A small request with the manager in place never fails (a manager out of
+// memory ends the process), so the common case is one tail call into the
+// fast path; everything else goes through newOther.
+QK_NOINLINE static void* newOther(size_t size, void* caller, bool nothrow) {
     void* p = allocate(size, caller);
-    return QK_LIKELY(p != nullptr) ? p : retryNew(size, caller, false);
+    return QK_LIKELY(p != nullptr) ? p : retryNew(size, caller, nothrow);
+}
+
+#define QK_NEW_BODY(nothrow)                                                               \
+    void* caller = QK_OPERATOR_CALLER(allocStackOffset);                                   \
+    if (QK_LIKELY(size <= static_cast<size_t>(kSmallLimit))) {                             \
+        if (qkMemory* m = manager()) {                                                     \
+            return qkMemoryInternals::alloc(m, size, static_cast<char const*>(caller), 0); \
+        }                                                                                  \
+    }                                                                                      \
+    return newOther(size, caller, nothrow)
+
+QK_OPERATOR void* operator new(size_t size) {
+    QK_NEW_BODY(false);
 }
 QK_OPERATOR void* operator new[](size_t size) {
-    void* caller = QK_OPERATOR_CALLER(allocStackOffset);
-    void* p = allocate(size, caller);
-    return QK_LIKELY(p != nullptr) ? p : retryNew(size, caller, false);
+    QK_NEW_BODY(false);
 }
 QK_OPERATOR void* operator new(size_t size, std::nothrow_t const&) noexcept {
-    void* caller = QK_OPERATOR_CALLER(allocStackOffset);
-    void* p = allocate(size, caller);
-    return QK_LIKELY(p != nullptr) ? p : retryNew(size, caller, true);
+    QK_NEW_BODY(true);
 }
 QK_OPERATOR void* operator new[](size_t size, std::nothrow_t const&) noexcept {
-    void* caller = QK_OPERATOR_CALLER(allocStackOffset);
-    void* p = allocate(size, caller);
-    return QK_LIKELY(p != nullptr) ? p : retryNew(size, caller, true);
+    QK_NEW_BODY(true);
 }
 
 QK_OPERATOR void operator delete(void* p) noexcept {
