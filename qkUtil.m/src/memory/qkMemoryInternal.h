@@ -152,8 +152,21 @@ inline void addAtomic(T& field, T delta) {
     std::atomic_ref<T>(field).fetch_add(delta, std::memory_order_relaxed);
 }
 
+// What every request reads besides the block it takes. The manager's own
+// fields keep the order the debugger scripts know, which puts infoKey on the
+// cache line of the keep and system summaries and `buckets` next to the keep
+// statistics: lines that other threads write whenever a superblock changes
+// hands. So the fast paths read copies kept here, on a line of their own that
+// is written only when the values change.
+struct alignas(64) FastState {
+    qkMemory* manager;  // qkMemory::_This, published together with it
+    int infoKey;        // the manager's infoKey
+    int tuning;         // non-zero while buckets < 24 (requests are counted)
+};
+extern FastState fast __attribute__((visibility("hidden")));
+
 inline qkMemory* manager() {
-    return std::atomic_ref<qkMemory*>(qkMemory::_This).load(std::memory_order_acquire);
+    return std::atomic_ref<qkMemory*>(fast.manager).load(std::memory_order_acquire);
 }
 
 // Reads the tag of the header in front of `p`. The pointer may not be the
@@ -252,7 +265,8 @@ struct QK_EXPORT qkMemoryInternals {
     // The calling thread's heap record, or null when it has none yet: one
     // thread-local load.
     QK_ALWAYS_INLINE static MEMORY_THREAD* heapOf(qkMemory* m) {
-        void* record = qk::platform::tlsGet(m->infoKey);
+        (void)m;
+        void* record = qk::platform::tlsGet(qk::memory::fast.infoKey);
         if (QK_UNLIKELY(record == nullptr)) return nullptr;
         return &static_cast<qkMemoryThreadRecord*>(static_cast<qkThreadState*>(record))->heap;
     }
@@ -306,7 +320,7 @@ struct QK_EXPORT qkMemoryInternals {
         if (QK_UNLIKELY(size > static_cast<size_t>(qk::memory::kSmallLimit))) {
             return allocLarge(m, mt, size, caller, line);
         }
-        if (QK_UNLIKELY(qk::memory::loadRelaxed(m->buckets) < qk::memory::kBucketLimit)) {
+        if (QK_UNLIKELY(qk::memory::loadRelaxed(qk::memory::fast.tuning) != 0)) {
             return allocCounted(m, mt, size, caller, line);
         }
         return allocSmall(m, mt, size, caller, line);

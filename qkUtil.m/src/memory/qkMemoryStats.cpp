@@ -18,6 +18,10 @@ unsigned long long qkMemory::_keepLimit = 0;
 void (*qkMemory::_memoryErrorHandler)(qkMemoryErrorId) = nullptr;
 unsigned long long qkMemory::_pageSize = 0;
 
+namespace qk::memory {
+FastState fast = {nullptr, -1, 0};
+}
+
 // Stands in for every summary while no manager exists.
 static MEMORY_STATS noStats = {0, 0, 0};
 
@@ -187,5 +191,8 @@ void qkMemory::setPassthru(int passthru, void (*handler)(qkMemoryErrorId)) {
     // operator new still passes to the C runtime: no manager is published.
     qkMemory* m = new qkMemory;
     storeRelaxed(_memoryErrorHandler, handler);
+    fast.infoKey = m->infoKey;
+    storeRelaxed(fast.tuning, 1);
     std::atomic_ref<qkMemory*>(_This).store(m, std::memory_order_release);
+    std::atomic_ref<qkMemory*>(fast.manager).store(m, std::memory_order_release);
 }

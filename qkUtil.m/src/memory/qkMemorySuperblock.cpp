@@ -201,6 +201,7 @@ QK_NOINLINE void qkMemoryInternals::tuneLocked(qkMemory* m) {
         m->freeAll(old);
         storeRelaxed(m->allocCount, 0);
         storeRelaxed(m->allocLimit, 2 * loadRelaxed(m->allocLimit));
+        if (n + 1 == kBucketLimit) storeRelaxed(fast.tuning, 0);  // the counting ends
     }
     m->threadLock->unlock();
 }
