@@ -100,18 +100,6 @@ TEST(qkMemoryPassthru, PreAllocationTakesMemoryOnEveryCall) {
     EXPECT_LT(mallinfo2().hblkhd + mallinfo2().uordblks - after, 100000u);
 }
 
-TEST(qkMemoryPassthru, StackOffsetsComeFromTheEnvironment) {
-    setenv("QK_MEMORY_ALLOC_STACK_OFFSET", "24", 1);
-    setenv("QK_MEMORY_FREE_STACK_OFFSET", "", 1);
-    qkMemory::setPassthru(0, nullptr);
-    EXPECT_EQ(allocStackOffset, 24);
-    EXPECT_EQ(freeStackOffset, 0);
-    // With an offset the operators still work; only their caller tags change.
-    int* p = new int(7);
-    EXPECT_EQ(*p, 7);
-    delete p;
-}
-
 // Debug slots widen every block; everything that depends on the layout must
 // follow. The slots are set before the first allocation through the manager.
 TEST(qkMemoryPassthru, LayoutFollowsTheDebugSlotSize) {

@@ -124,31 +124,6 @@ TEST(qkMemoryLimits, ThreadLimitOnTheSmallAndTheLargePath) {
     journal = nullptr;
 }
 
-TEST(qkMemoryLimits, AdvisoryQueriesAndHighwater) {
-    std::thread([] {
-        EXPECT_EQ(qkMemory::systemLimitReached(100, 10), 0);  // no limits
-        void* p = qkMalloc(100000, "hw", 0);
-        long long bytes = qkMemory::loadStats(qkMemory::getThreadStats()).bytes;
-        qkMemory::setThreadLimit(bytes + 1160);
-        EXPECT_EQ(qkMemory::systemLimitReached(100, 10), 0);  // 1160 bytes fit exactly
-        EXPECT_EQ(qkMemory::systemLimitReached(101, 10), 1);
-        qkMemory::setThreadLimit(0);
-        long long system = qkMemory::loadStats(qkMemory::getSystemStats()).bytes;
-        qkMemory::setSystemLimit(system + 100);
-        EXPECT_EQ(qkMemory::systemLimitReached(84, 1), 0);
-        EXPECT_EQ(qkMemory::systemLimitReached(85, 1), 1);
-        qkMemory::setSystemLimit(0);
-
-        qkFree(p, "hw", 1);
-        MEMORY_STATS now = qkMemory::loadStats(qkMemory::getThreadStats());
-        EXPECT_GE(now.highwater, now.bytes + 100000);
-        qkMemory::setSystemHighwater();
-        EXPECT_EQ(qkMemory::loadStats(qkMemory::getThreadStats()).highwater, now.bytes);
-        MEMORY_STATS sys = qkMemory::loadStats(qkMemory::getSystemStats());
-        EXPECT_LE(sys.highwater, sys.bytes + 16384);  // restarted (others may allocate)
-    }).join();
-}
-
 // A print function that warns itself: the inner warning is dropped, and the
 // lock is not taken twice in a way that would hang.
 std::vector<std::string> printed;
@@ -165,19 +140,6 @@ TEST(qkMemoryWarn, FormatsTheLineAndDropsWarningsFromInsideThePrintFunction) {
     ASSERT_EQ(printed.size(), 2u);
     EXPECT_EQ(printed[0], "outer (0x23456789:0)\n");
     EXPECT_EQ(printed[1].size(), 1023u);  // cut to the 1024-byte buffer
-    // Warnings from many threads are whole lines, one after the other.
-    printed.clear();
-    qkMemory::setPrintFunction([](char const* text) { printed.push_back(text); });
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; ++i)
-                qkMemory::warn("busy", nullptr, t * 1000 + i);
-        });
-    }
-    for (auto& t : threads)
-        t.join();
-    EXPECT_EQ(Warnings::count(printed, "busy"), 800);
 }
 
 }  // namespace

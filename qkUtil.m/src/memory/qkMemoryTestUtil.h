@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "memory/qkMemoryInternal.h"
@@ -18,34 +19,19 @@ using namespace qk::memory;
 
 // Warnings printed since the last take(); installed as the print function.
 struct Warnings {
-    static std::mutex& lock() {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::string>& lines() {
-        static std::vector<std::string> v;
-        return v;
-    }
+    static inline std::mutex lock;
+    static inline std::vector<std::string> lines;
     static void print(char const* text) {
-        std::lock_guard<std::mutex> hold(lock());
-        lines().push_back(text);
+        std::lock_guard<std::mutex> hold(lock);
+        lines.push_back(text);
     }
     static void install() {
         take();
         qkMemory::setPrintFunction(print);
     }
     static std::vector<std::string> take() {
-        std::lock_guard<std::mutex> hold(lock());
-        std::vector<std::string> out;
-        out.swap(lines());
-        return out;
-    }
-    // How many captured lines start with `message` followed by " (".
-    static int count(std::vector<std::string> const& got, std::string const& message) {
-        int n = 0;
-        for (auto& line : got)
-            n += line.rfind(message + " (", 0) == 0;
-        return n;
+        std::lock_guard<std::mutex> hold(lock);
+        return std::exchange(lines, {});
     }
 };
 

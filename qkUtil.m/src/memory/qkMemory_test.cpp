@@ -165,24 +165,6 @@ TEST(qkMemoryCore, EmptySuperblocksGoToTheKeepPoolExceptTheLastOne) {
     });
 }
 
-TEST(qkMemoryCore, KeepLimitSendsIdleSuperblocksBackToTheSystem) {
-    qkMemory::setKeepLimit(1);
-    onFreshThread([] {
-        long long system = mgr()->systemStats[7].count;
-        std::vector<void*> blocks;
-        for (int i = 0; i < 3 * 59; ++i)
-            blocks.push_back(qkMalloc(256, "limit", i));
-        EXPECT_EQ(mgr()->systemStats[7].count, system + 3);
-        for (void* p : blocks)
-            qkFree(p, "limit", 0);
-        // One stays with the thread, the first kept fits under the limit, the
-        // next one is released.
-        EXPECT_EQ(mgr()->keepStats[7].count, 1);
-        EXPECT_EQ(mgr()->systemStats[7].count, system + 2);
-        checkKeepPool();
-    });
-}
-
 TEST(qkMemoryCore, AnEndedThreadsHeapIsAdoptedWithItsStatistics) {
     MEMORY_THREAD* heap = nullptr;
     MEMORY_STATS before{};
