@@ -53,8 +53,11 @@ inline void release(void* p, void* caller) {
     plat::rawFree(p);
 }
 
-// A refused request: the new handler, if any, may make room; then retry.
-QK_NOINLINE void* retryNew(size_t size, void* caller, bool nothrow) {
+// A refused request: the new handler, if any, may make room; then `attempt`
+// again. Without a handler the request fails: null for the nothrow forms,
+// std::bad_alloc for the others.
+template <class Attempt>
+QK_NOINLINE void* retry(bool nothrow, Attempt attempt) {
     for (;;) {
         std::new_handler handler = std::get_new_handler();
         if (!handler) {
@@ -67,29 +70,20 @@ QK_NOINLINE void* retryNew(size_t size, void* caller, bool nothrow) {
             if (nothrow) return nullptr;
             throw;
         }
-        if (void* p = allocate(size, caller)) return p;
+        if (void* p = attempt()) return p;
     }
+}
+
+void* retryNew(size_t size, void* caller, bool nothrow) {
+    return retry(nothrow, [=] { return allocate(size, caller); });
 }
 
 inline void* allocateAligned(size_t size, std::align_val_t alignment) {
     return plat::rawAlignedAlloc(static_cast<size_t>(alignment), size ? size : 1);
 }
 
-QK_NOINLINE void* retryAligned(size_t size, std::align_val_t alignment, bool nothrow) {
-    for (;;) {
-        std::new_handler handler = std::get_new_handler();
-        if (!handler) {
-            if (nothrow) return nullptr;
-            throw std::bad_alloc();
-        }
-        try {
-            handler();
-        } catch (std::bad_alloc const&) {
-            if (nothrow) return nullptr;
-            throw;
-        }
-        if (void* p = allocateAligned(size, alignment)) return p;
-    }
+void* retryAligned(size_t size, std::align_val_t alignment, bool nothrow) {
+    return retry(nothrow, [=] { return allocateAligned(size, alignment); });
 }
 
 }  // namespace
