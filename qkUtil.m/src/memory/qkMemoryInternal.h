@@ -133,7 +133,7 @@ class qkMemoryThreadRecord : public qkThreadState {
 
 // ---- Relaxed and atomic access to fields declared plain in the interface ----
 //
-// Summaries take atomic additions; the design's plain counters (per-bucket
+// Summaries take atomic additions; the plain counters (per-bucket
 // entries, high-water marks, tuning counts, limits, hooks) are read and
 // written with relaxed atomic loads and stores: the same instructions as plain
 // accesses, but no data race in the C++ sense.

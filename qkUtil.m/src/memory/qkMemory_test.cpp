@@ -19,7 +19,7 @@ void onFreshThread(F body) {
     onThread(body);
 }
 
-// The design's block counts per base bucket, for superblocks without debug slots.
+// The block counts per base bucket, for superblocks without debug slots.
 constexpr int kBlockCounts[16] = {339, 203, 145, 113, 92, 78, 67, 59,
                                   53,  48,  44,  40,  37, 35, 32, 30};
 
