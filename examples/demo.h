@@ -4,3 +4,4 @@
 void demoThreads();
 void demoStrings();
 void demoLists();
+void demoMemory();

@@ -9,6 +9,7 @@ int main() {
     demoThreads();
     demoStrings();
     demoLists();
+    demoMemory();
     std::printf("\ndone.\n");
     return 0;
 }

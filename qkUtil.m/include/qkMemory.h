@@ -1,29 +1,197 @@
-// Memory entry points: the plain functions through which the library and its
-// callers take and release memory.
+// The memory manager and its entry points.
 //
-// Every raw buffer of the library comes from qkMalloc/qkRealloc/qkFree with a
-// caller tag (an opaque pointer-sized value naming the call site: a code
-// address from getCaller, or a source-file name) and a line number; both only
-// feed warnings and debugging aids.
+// qkMemory is the process-wide memory manager behind every allocation of the
+// library and of the modules that link it: requests of up to 512 bytes are cut
+// from 16384-byte superblocks that belong to the requesting thread (no lock on
+// the common path); larger ones go to the C runtime heap with a 16-byte header
+// in front. Blocks freed by another thread are parked on their superblock until
+// the owner takes them back. Superblocks a thread no longer needs go to a
+// shared keep pool; they return to the C runtime only under the keep limit or
+// when memory runs short. After enough small requests the manager adds up to
+// eight buckets fitted to the sizes asked for most.
 //
-// Until the host creates the memory manager, every entry point passes
-// straight to the C runtime's heap.
+// Life: the host creates the one manager with qkMemory::setPassthru(0, handler)
+// and never destroys it. Until then (and for ever after setPassthru(1, ...))
+// every entry point passes straight to the C runtime. Memory taken before the
+// manager existed may be released through it afterwards.
+//
+// Ownership: a block belongs to whoever asked for it until it is released with
+// qkFree (or operator delete); any thread may release it. MEMORY_THREAD records
+// and superblocks belong to the manager.
+//
+// Thread-safety: every entry point and every static member may be called from
+// any thread. The statistics records may be read at any time; they change
+// concurrently, so read their fields with qkMemory::loadStats (or relaxed
+// atomic loads). Limits and hooks are plain process-wide values; a change
+// applies to the charges made after it.
+//
+// Large requests whose size plus header does not fit a signed 32-bit int are
+// refused: the entry points return null (operator new throws std::bad_alloc)
+// and leave any block passed in untouched.
 #pragma once
 
 #include <cstddef>
 
+#include "LinkedList.h"
 #include "qkExport.h"
 
-struct MEMORY_THREAD;
+class qkMutex;
 
+// A count of blocks, a byte count and the byte count's high-water mark.
+struct MEMORY_STATS {
+    long long count;
+    long long bytes;
+    long long highwater;
+};
+
+enum qkMemoryErrorId {
+    QK_MEMORY_SYSTEM_LIMIT = 0,  // the system limit was crossed
+    QK_MEMORY_THREAD_LIMIT = 1,  // a thread's limit was crossed
+};
+
+// One thread's heap: its superblocks per bucket and what is charged to it.
+// Index 24 of `stats` is for large blocks.
+struct MEMORY_THREAD {
+    LinkedList full;            // superblocks found without a free block
+    LinkedList partial[24];     // per bucket: superblocks that may have free blocks
+    LinkedList reclaim[24];     // per bucket: superblocks other threads freed into
+    MEMORY_STATS stats[25];     // per bucket: superblocks; [24]: large blocks
+    MEMORY_STATS summaryStats;  // the sum over stats, checked against the thread limit
+};
+
+struct MEMORY_SUPERBLOCK;
+
+class QK_EXPORT qkMemory {
+  public:
+    // ---- The manager's life -------------------------------------------------
+    // Creates the manager unless `passthru` is non-zero or one exists, and
+    // installs `handler` with it. Honours "KorSysPreAllocation" on every call.
+    static void setPassthru(int passthru, void (*handler)(qkMemoryErrorId));
+    // The one manager, null until created.
+    static qkMemory* getManager();
+
+    // ---- Blocks -------------------------------------------------------------
+    // `caller` is an opaque pointer-sized tag of the call site and `line` a
+    // line number; both only feed warnings and debugging aids.
+    void* allocMemory(size_t size, char const* caller, int line);
+    // Null is ignored; a pointer the manager did not make goes to the C runtime.
+    void freeMemory(void* p, char const* caller, int line);
+    // Blocks never shrink: a request that fits returns `p` itself.
+    void* reallocMemory(void* p, size_t size, char const* caller, int line);
+    // The calling thread's heap, made on first use.
+    MEMORY_THREAD* getThread();
+
+    // ---- Statistics and limits ----------------------------------------------
+    // The summaries; the zero record when no manager exists.
+    static MEMORY_STATS* getSystemStats();
+    static MEMORY_STATS* getKeepStats();
+    static MEMORY_STATS* getThreadStats();
+    // A consistent-enough copy of a record that other threads may be changing.
+    static MEMORY_STATS loadStats(MEMORY_STATS const* stats);
+    // Byte limits, 0 for none. Crossing one warns and tells the handler; it
+    // never refuses an allocation.
+    static unsigned long long getSystemLimit();
+    static void setSystemLimit(unsigned long long limit);
+    static unsigned long long getThreadLimit();
+    static void setThreadLimit(unsigned long long limit);
+    static unsigned long long getKeepLimit();
+    static void setKeepLimit(unsigned long long limit);
+    // Would `count` blocks of `size` bytes cross the system or the calling
+    // thread's limit? Advisory: it reserves nothing.
+    static int systemLimitReached(int size, int count);
+    // Restarts the high-water marks of the system and the calling thread.
+    static void setSystemHighwater();
+
+    // ---- Warnings -----------------------------------------------------------
+    // Prints "message (0xcaller:line)" through the print function (standard
+    // output without one), serialised; a warning raised while one is being
+    // printed on the same thread is dropped. Nothing without a manager.
+    static void warn(char const* message, char const* caller, int line);
+    static void setPrintFunction(void (*print)(char const* text));
+    static void (*getPrintFunction())(char const*);
+    // Part of the interface for hosts that install them; they do nothing.
+    static void setThreadFunction(void* (*function)());
+    static void* setThreadTag(void* tag);
+
+    // Ends the process at once, abnormally.
+    [[noreturn]] static void abort();
+    // Stored only; the superblock size stays 16384.
+    static void setPageSize(size_t size);
+
+    // ---- State ----------------------------------------------------------------
+    // Public for diagnostics and debugger scripts; only the manager changes it.
+    MEMORY_STATS summarySystemStats;  // held from the C runtime
+    MEMORY_STATS summaryKeepStats;    // superblocks in the keep pool
+    int infoKey;                      // thread-local key of the heap records
+    void* reserve;                    // 1 MiB kept for the out-of-memory path
+    qkMutex* printLock;               // serialises warnings
+    qkMutex* threadLock;              // threads, tuning, the last allocation retry
+    qkMutex* allocLock[25];           // per bucket; [24]: large blocks
+    LinkedList threads;               // every heap record, live or dead
+    LinkedList keep[24];              // per bucket: superblocks owned by no thread
+    MEMORY_STATS systemStats[25];
+    MEMORY_STATS keepStats[25];
+    int buckets;                    // buckets in use, 16..24
+    int bucketSize[24];             // block size of each bucket
+    signed char bucketNumber[513];  // bucket of each small request size
+    int allocCount;                 // small requests since the last tuning
+    int allocLimit;                 // count that starts the next tuning
+    int countBySize[513];           // small requests per exact size
+    unsigned char fill;             // non-zero: small blocks are handed out filled
+    unsigned char debug;            // debug mode
+    int debugHeaderCount;           // debug slots per block
+    int debugHeaderSize;            // 16 * debugHeaderCount
+
+    static qkMemory* _This;
+    static void (*_printFunction)(char const*);
+    static unsigned long long _systemLimit;
+    static unsigned long long _threadLimit;
+    static unsigned long long _keepLimit;
+    static void (*_memoryErrorHandler)(qkMemoryErrorId);
+    static unsigned long long _pageSize;
+
+  protected:
+    qkMemory();
+    ~qkMemory();
+
+    void* sys_alloc(int size, char const* caller, int line);
+    // keep: hands a superblock to the keep pool (named apart from the `keep` lists).
+    void keepSuperblock(MEMORY_SUPERBLOCK* sb);
+    void reclaim(MEMORY_SUPERBLOCK* sb);
+    void freeAll(int bucket);
+    void tune(int size);
+    // Charges a change to one entry of `array` and to `summary`; 1 when this
+    // change crossed `limit` upward.
+    int bumpStats(MEMORY_STATS& summary, MEMORY_STATS* array, int index, long long bytes,
+                  long long count, unsigned long long limit);
+    void summarizeStats(MEMORY_STATS& summary, MEMORY_STATS* array);
+
+    friend struct qkMemoryInternals;
+};
+
+// Frame offsets used by the library's operator new / operator delete to pick
+// the caller tag (see getCaller); set from "QK_MEMORY_ALLOC_STACK_OFFSET" and
+// "QK_MEMORY_FREE_STACK_OFFSET" when the manager is made.
+QK_EXPORT extern int allocStackOffset;
+QK_EXPORT extern int freeStackOffset;
+
+// ---- The plain entry points ----------------------------------------------------
+// With the manager they use it; without it they are the C runtime's.
 QK_EXPORT_C void* qkMalloc(size_t size, char const* caller, int line);
 QK_EXPORT_C void qkFree(void* p, char const* caller, int line);
+// count * size is not checked for overflow: the caller keeps it in range.
 QK_EXPORT_C void* qkCalloc(size_t count, size_t size, char const* caller, int line);
 QK_EXPORT_C void* qkRealloc(void* p, size_t size, char const* caller, int line);
 QK_EXPORT_C char* qkStrdup(char const* s, char const* caller, int line);
+// The usable size of a block of the manager (a small block's bucket size, a
+// large block's requested size); 0 for null, foreign pointers, or no manager.
 QK_EXPORT_C size_t qkMemSize(void* p);
+// A fresh temporary file name in `dir` (else $TMPDIR, else /tmp) starting
+// with `pfx`; release it with qkFree. Null on failure.
 QK_EXPORT_C char* qkTempnam(char const* dir, char const* pfx);
+// The calling thread's heap, null without a manager.
 QK_EXPORT_C MEMORY_THREAD* qkMemoryThread();
 // The machine word `offset` bytes above the base of getCaller's own frame;
-// with 16, getCaller's return address, an address inside its caller.
+// with 16, getCaller's return address, an address inside its caller. Larger
+// offsets reach further up the caller's stack, one word per 8.
 QK_EXPORT_C void* getCaller(int offset);

@@ -1,35 +1,77 @@
-// The memory entry points in pass-through form: every call goes to the C
-// runtime's heap. This is what they do until the host creates the memory
-// manager.
-#include <cstdlib>
+// The plain entry points. Each one decides at the call whether the manager
+// exists: with it, the manager serves the call; without it (before the host
+// creates it, or for good in pass-through mode) the C runtime does, through
+// the platform's raw heap so that a malloc redirected to the manager cannot
+// recurse.
 #include <cstring>
 
-#include "qkMemory.h"
+#include "memory/qkMemoryInternal.h"
+#include "platform/platform_memory.h"
 
-void* qkMalloc(size_t size, char const*, int) {
-    return std::malloc(size);
+using namespace qk::memory;
+namespace plat = qk::platform;
+
+void* qkMalloc(size_t size, char const* caller, int line) {
+    if (qkMemory* m = manager()) return qkMemoryInternals::alloc(m, size, caller, line);
+    return plat::rawAlloc(size);
 }
-void qkFree(void* p, char const*, int) {
-    std::free(p);
+
+void qkFree(void* p, char const* caller, int line) {
+    if (qkMemory* m = manager()) return qkMemoryInternals::free(m, p, caller, line);
+    plat::rawFree(p);
 }
-void* qkCalloc(size_t count, size_t size, char const*, int) {
-    return std::calloc(count, size);
+
+void* qkCalloc(size_t count, size_t size, char const* caller, int line) {
+    qkMemory* m = manager();
+    if (!m) return plat::rawCalloc(count, size);
+    size_t bytes = count * size;
+    void* p = qkMemoryInternals::alloc(m, bytes, caller, line);
+    if (p) std::memset(p, 0, bytes);
+    return p;
 }
-void* qkRealloc(void* p, size_t size, char const*, int) {
-    return std::realloc(p, size);
+
+void* qkRealloc(void* p, size_t size, char const* caller, int line) {
+    if (qkMemory* m = manager()) return m->reallocMemory(p, size, caller, line);
+    return plat::rawRealloc(p, size);
 }
-char* qkStrdup(char const* s, char const*, int) {
-    return s ? strdup(s) : nullptr;
+
+char* qkStrdup(char const* s, char const* caller, int line) {
+    if (!s) return nullptr;
+    qkMemory* m = manager();
+    if (!m) return plat::rawStrdup(s);
+    size_t bytes = std::strlen(s) + 1;
+    char* copy = static_cast<char*>(qkMemoryInternals::alloc(m, bytes, caller, line));
+    if (copy) std::memcpy(copy, s, bytes);
+    return copy;
 }
-size_t qkMemSize(void*) {
-    return 0;
+
+size_t qkMemSize(void* p) {
+    qkMemory* m = manager();
+    if (!p || !m) return 0;
+    MEMORY_HEADER* h = qkMemoryInternals::headerOf(m, p);
+    switch (peekTag(p, h)) {
+        case TAG_LARGE_USED:
+            return static_cast<size_t>(h->size);
+        case TAG_SMALL_USED:
+            return static_cast<size_t>(h->owner->blockSize);
+        default:
+            return 0;
+    }
 }
-char* qkTempnam(char const*, char const*) {
-    return nullptr;
+
+char* qkTempnam(char const* dir, char const* pfx) {
+    char* name = plat::tempName(dir, pfx);
+    if (!name) return nullptr;
+    qkMemory* m = manager();
+    if (!m) return name;  // already a C runtime copy
+    size_t bytes = std::strlen(name) + 1;
+    char* copy = static_cast<char*>(qkMemoryInternals::alloc(m, bytes, kManagerFile, 1593));
+    if (copy) std::memcpy(copy, name, bytes);
+    plat::rawFree(name);
+    return copy;
 }
+
 MEMORY_THREAD* qkMemoryThread() {
-    return nullptr;
-}
-void* getCaller(int) {
-    return __builtin_return_address(0);
+    qkMemory* m = manager();
+    return m ? qkMemoryInternals::thread(m) : nullptr;
 }
