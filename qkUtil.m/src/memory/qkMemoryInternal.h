@@ -76,6 +76,9 @@ constexpr uint32_t TAG_RELEASED = 0x45555552;
 // The file tag the manager uses for its own warnings and requests.
 constexpr char const* kManagerFile = "qkMemory.cpp";
 
+// Makes fork() safe for a process whose threads use the manager (once).
+void registerForkHandlers();
+
 }  // namespace qk::memory
 
 // The 16-byte header in front of every block.

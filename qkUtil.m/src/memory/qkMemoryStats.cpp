@@ -195,4 +195,5 @@ void qkMemory::setPassthru(int passthru, void (*handler)(qkMemoryErrorId)) {
     storeRelaxed(fast.tuning, 1);
     std::atomic_ref<qkMemory*>(_This).store(m, std::memory_order_release);
     std::atomic_ref<qkMemory*>(fast.manager).store(m, std::memory_order_release);
+    registerForkHandlers();
 }

@@ -99,6 +99,10 @@ inline uintptr_t threadId() {
     return id ? id : threadIdSlow();
 }
 
+// Handlers run around fork(): `prepare` in the parent before it, `parent` and
+// `child` in the two processes after it (pthread_atfork).
+QK_EXPORT void atFork(void (*prepare)(), void (*parent)(), void (*child)());
+
 // ---- Time ----------------------------------------------------------------
 // Milliseconds of a monotonic clock as an unsigned 32-bit tick that wraps
 // like the original's; compare differences unsigned.

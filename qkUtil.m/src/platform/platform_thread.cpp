@@ -2,6 +2,7 @@
 // hook, and thread creation.
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -52,16 +53,24 @@ uintptr_t threadIdSlow() {
 //
 // pthread key destructors run in rounds (at most PTHREAD_DESTRUCTOR_ITERATIONS)
 // for as long as some destructor sets a value again. The hook re-arms itself
-// so that the record is marked ended only after the destructors of ordinary
-// keys, whose teardown work may still allocate and free, have run. It stops
-// one round short of the last: runtimes that must be the very last thing on a
-// thread (the sanitizers' thread finalisers) re-arm to the final round, and
-// nothing may run after them.
+// so that it runs after the destructors of ordinary keys, whose teardown work
+// may still allocate and free. It stops one round short of the last: runtimes
+// that must be the very last thing on a thread (the sanitizers' thread
+// finalisers) re-arm to the final round, and nothing may run after them.
+//
+// Even then the C runtime still releases some per-thread buffers after the
+// last destructor, and those releases may reach the memory manager. So the
+// hook only marks the record as exiting; the thread counts as ended once the
+// kernel no longer knows its thread id, which is after its last instruction.
+// A reused id can only make a thread look alive longer (the safe direction),
+// and a thread caught in the last microseconds of its exit is waited for.
 
 namespace {
 struct ThreadRecord {
     std::atomic<int> refs;
-    std::atomic<bool> ended;
+    std::atomic<bool> exiting;  // the exit hook has run
+    std::atomic<bool> ended;    // confirmed gone
+    std::atomic<pid_t> tid;
 };
 }  // namespace
 
@@ -84,7 +93,7 @@ static void threadExitHook(void* value) {
         return;
     }
     currentRecord = nullptr;
-    record->ended.store(true, std::memory_order_release);
+    record->exiting.store(true, std::memory_order_release);
     releaseRecord(record);
 }
 
@@ -97,7 +106,7 @@ void* threadHandleDup() {
     if (!record) {
         void* memory = rawAlloc(sizeof(ThreadRecord));
         if (!memory) return nullptr;
-        record = new (memory) ThreadRecord{{1}, {false}};
+        record = new (memory) ThreadRecord{{1}, {false}, {false}, {gettid()}};
         pthread_once(&exitKeyOnce, makeExitKey);
         pthread_setspecific(exitKey, record);
         currentRecord = record;
@@ -110,12 +119,39 @@ void threadHandleRetain(void* handle) {
     static_cast<ThreadRecord*>(handle)->refs.fetch_add(1, std::memory_order_relaxed);
 }
 
+static bool threadIdGone(pid_t tid) {
+    return syscall(SYS_tgkill, getpid(), tid, 0) == -1 && errno == ESRCH;
+}
+
 bool threadHandleEnded(void* handle) {
-    return static_cast<ThreadRecord*>(handle)->ended.load(std::memory_order_acquire);
+    ThreadRecord* record = static_cast<ThreadRecord*>(handle);
+    if (record->ended.load(std::memory_order_acquire)) return true;
+    if (!record->exiting.load(std::memory_order_acquire)) return false;
+    // Past its exit hook the thread has microseconds left to live; wait for
+    // the kernel to let go of its id, but not for ever: an id reused by a new
+    // thread would otherwise keep the record alive.
+    pid_t tid = record->tid.load(std::memory_order_relaxed);
+    for (int wait = 0; wait < 200 && !threadIdGone(tid); ++wait) sleepMs(1);
+    record->ended.store(true, std::memory_order_release);
+    return true;
 }
 
 void threadHandleClose(void* handle) {
     if (handle) releaseRecord(static_cast<ThreadRecord*>(handle));
+}
+
+// A forked child runs on a new kernel thread: forget the parent's id.
+static void adoptChildThread() {
+    cachedThreadId = 0;
+    if (currentRecord) currentRecord->tid.store(gettid(), std::memory_order_relaxed);
+}
+
+void atFork(void (*prepare)(), void (*parent)(), void (*child)()) {
+    pthread_atfork(prepare, parent, child);
+}
+
+__attribute__((constructor)) static void registerForkHandler() {
+    pthread_atfork(nullptr, nullptr, adoptChildThread);
 }
 
 // ---- Thread creation -------------------------------------------------------

@@ -2,6 +2,8 @@
 // state's active flag across its thread's end, and thread creation.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -133,6 +135,22 @@ TEST(qkThread, ManyShortThreadsAllEnd) {
         ASSERT_TRUE(waitFor(probe.ran));
         ASSERT_TRUE(waitInactive(&probe.state));
     }
+}
+
+// A forked child runs on a thread of its own: the id cached by the parent's
+// thread must not follow it, or the child's locks could mistake owners.
+TEST(qkThread, ForkedChildGetsItsOwnThreadId) {
+    void* parent = qkThread::id();
+    pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        bool ok = qkThread::id() == reinterpret_cast<void*>(static_cast<uintptr_t>(gettid())) &&
+                  qkThread::id() != parent;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST(qkThread, IdsAreStablePerThreadAndDistinct) {
