@@ -65,7 +65,7 @@ void demoThreads() {
 
     for (int i = 0; i < shared.entries; ++i)
         std::printf("  %s\n", shared.journal[i]);
-    std::printf("  %d journal entries; the section admitted at most %d workers at once\n",
+    std::printf("  %d journal entries; most workers inside the section at once: %d\n",
                 shared.entries, shared.section.maxDepth());
 
     // The workers have signalled; wait for their threads to be gone.
