@@ -67,9 +67,9 @@ class QK_EXPORT TagdbItr : public TagdbNodeRef {
     TagdbNodeRef parent;  // last inner entry with a key on the path: the leaf's greatest key
     TagdbKey* prefixKey;
     int ownsKey;
-    int busy;      // the iterator is changing its own node
-    int detached;  // the position is held only as savedKey
-    TagdbKey* savedKey;
+    int busy;            // the iterator is changing its own node
+    int detached;        // the position is held only as savedKey
+    TagdbKey* savedKey;  // detached: where to resume; attached: the key just deleted
 
   private:
     int finished;  // the range has been walked to its end

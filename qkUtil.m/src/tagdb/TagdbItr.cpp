@@ -112,8 +112,10 @@ void TagdbItr::orphan() {
     store = nullptr;
 }
 
+// An attached iterator with a saved key has just deleted that key and stands
+// on the entry before it; the deleted key is its position.
 TagdbKey* TagdbItr::currentKey() {
-    if (detached) return savedKey;
+    if (detached || savedKey) return savedKey;
     if (!node) return nullptr;
     if (index < node->count - 1) return node->keys[index];
     return parent.node ? parent.node->keys[parent.index] : nullptr;
@@ -188,6 +190,10 @@ TagdbCommon::Status TagdbItr::next(int& more) {
         st = seek(prefixKey, 0);
     } else {
         st = advance();
+        if (st == Ok && savedKey) {  // past the deleted key now
+            savedKey->release();
+            savedKey = nullptr;
+        }
     }
     while (st == Ok && node) {
         TagdbKey* key = currentKey();
@@ -212,6 +218,11 @@ void TagdbItr::restartIterator(long long nodeId) {
 }
 
 void TagdbItr::detach() {
+    if (!detached && savedKey) {  // resume after the key it deleted
+        detached = 1;
+        unposition();
+        return;
+    }
     TagdbKey* key = currentKey();
     TagdbKey* copy = key ? key->copy() : nullptr;
     if (savedKey) savedKey->release();
@@ -242,7 +253,7 @@ TagdbCommon::Status TagdbItr::reposition() {
 TagdbCommon::Status TagdbItr::get(TagdbRecord*& rec) {
     rec = nullptr;
     if (detached && usable() == Ok && !finished) reposition();
-    if (node && !detached) rec = node->values[index].record;
+    if (node && !detached && !savedKey) rec = node->values[index].record;
     return Ok;
 }
 
@@ -264,7 +275,7 @@ TagdbCommon::Status TagdbItr::get(void const*& data, int& n) {
 TagdbCommon::Status TagdbItr::set(TagdbRecord* rec) {
     Status st = usable();
     TagdbKey* key = st == Ok ? currentKey() : nullptr;
-    if (st == Ok && !key) st = Failed;  // not standing on an entry
+    if (st == Ok && (!key || (!detached && savedKey))) st = Failed;  // not on an entry
     if (st == Ok && tagdb->getTransMode() == Deferred) {
         st = store->appendLog(key, rec);
     } else if (st == Ok && (!detached || reposition() == Ok)) {
@@ -287,16 +298,23 @@ TagdbCommon::Status TagdbItr::remove() {
             detach();
             return entry.remove();
         }
+        // The entry before becomes the position, so next() lands on the one
+        // that moves into this place; the deleted key is kept as the place
+        // to resume from should the iterator be detached before that.
+        TagdbKey* gone = node->keys[index]->copy();
+        if (!gone) return Failed;
         busy = 1;
         Status st = TagdbNodeRef::remove();
-        --index;  // the entry that moved into this place comes next
+        --index;
         busy = 0;
+        savedKey = gone;
         return st;
     }
-    // The leaf's last entry: the removal moves the separator in parent and
-    // detaches this iterator, which resumes after the key it stood on.
-    if (!parent.node || store->cacheTouch(parent.node) != Ok) return Failed;
-    return TagdbNodeRef::remove(parent);
+    // The leaf's last entry: the removal moves the separator in parent (or
+    // frees the leaf); the iterator resumes after the key it stood on.
+    TagdbNodeRef entry(*this), above(parent);
+    detach();
+    return entry.remove(above);
 }
 
 TagdbCommon::Status TagdbItr::set(void const* data, int n) {
