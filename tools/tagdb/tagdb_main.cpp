@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "tagdb/TagdbBlob.h"
 #include "tagdb_tool.h"
 
 namespace fs = std::filesystem;
@@ -293,11 +294,9 @@ bool unescape(std::string_view text, std::string& bytes, bool allowNul) {
 }
 
 std::string_view bytesOf(TagdbRecord* rec) {
-    auto* blob = dynamic_cast<TagdbBlobRecord*>(rec);
-    if (!blob) return {};
     void const* data = nullptr;
     int n = 0;
-    blob->getData(data, n);
+    qk::tagdb::blobData(rec, data, n);
     return data ? std::string_view(static_cast<char const*>(data), static_cast<size_t>(n))
                 : std::string_view();
 }

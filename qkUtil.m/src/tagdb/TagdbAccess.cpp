@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Tagdb.h"
+#include "tagdb/TagdbBlob.h"
 
 namespace {
 
@@ -15,11 +16,6 @@ class NameKey : public TagdbStringKey {
 
 // The bytes of a record the library made; other record types have none to
 // offer through these forms.
-void blobData(TagdbRecord* rec, void const*& data, int& n) {
-    data = nullptr;
-    n = 0;
-    if (auto* blob = dynamic_cast<TagdbBlobRecord*>(rec)) blob->getData(data, n);
-}
 
 }  // namespace
 
@@ -53,7 +49,7 @@ TagdbCommon::Status Tagdb::get(char const* name, char const*& text) {
 TagdbCommon::Status Tagdb::get(char const* name, void const*& data, int& n) {
     TagdbRecord* rec = nullptr;
     Status st = get(name, rec);
-    blobData(rec, data, n);
+    qk::tagdb::blobData(rec, data, n);
     return st;
 }
 

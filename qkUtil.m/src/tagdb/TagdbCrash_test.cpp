@@ -103,7 +103,6 @@ TEST(TagdbCrash, KilledWriterLeavesTheLastPublishedVersion) {
         SCOPED_TRACE("round " + std::to_string(round));
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
-        fcntl(fds[0], F_SETFL, O_NONBLOCK);
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
@@ -111,13 +110,19 @@ TEST(TagdbCrash, KilledWriterLeavesTheLastPublishedVersion) {
             commitForever(name, fds[1]);
         }
         close(fds[1]);
-        usleep(static_cast<useconds_t>(rng() % 12000));
+        // The kill falls at a random moment of the commits that follow the
+        // child's first one, whatever the machine's speed.
+        int first = 0;
+        bool started = read(fds[0], &first, sizeof first) == sizeof first;
+        usleep(static_cast<useconds_t>(rng() % 4000));
         kill(pid, SIGKILL);
         int status = 0;
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
+        ASSERT_TRUE(started) << "the writer made no commit";
         ++kills;
-        reported = lastReported(fds[0], reported);
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        reported = lastReported(fds[0], std::max(reported, first));
         close(fds[0]);
         std::error_code ec;
         fs::remove(name + "-lock", ec);  // the dead writer's
@@ -135,7 +140,6 @@ TEST(TagdbCrash, KilledWriterLeavesTheLastPublishedVersion) {
         reported = seen;
     }
     EXPECT_EQ(kills, 150);
-    EXPECT_GT(reported, 150);  // the writer got far enough to be killed mid-way often
 }
 
 }  // namespace

@@ -11,15 +11,7 @@
 
 #include <cstring>
 
-namespace {
-
-void blobData(TagdbRecord* rec, void const*& data, int& n) {
-    data = nullptr;
-    n = 0;
-    if (auto* blob = dynamic_cast<TagdbBlobRecord*>(rec)) blob->getData(data, n);
-}
-
-}  // namespace
+#include "tagdb/TagdbBlob.h"
 
 TagdbItr::TagdbItr(Tagdb* db, TagdbKey& key, Boolean copy)
     : tagdb(db),
@@ -268,7 +260,7 @@ TagdbCommon::Status TagdbItr::get(char const*& text) {
 TagdbCommon::Status TagdbItr::get(void const*& data, int& n) {
     TagdbRecord* rec = nullptr;
     get(rec);
-    blobData(rec, data, n);
+    qk::tagdb::blobData(rec, data, n);
     return Ok;
 }
 
