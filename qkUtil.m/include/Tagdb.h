@@ -71,6 +71,8 @@ class QK_EXPORT Tagdb : public TagdbCommon {
     Status get(char const* name, void const*& data, int& n);
     // ref = the leaf entry of key, inserting key (a copy, with no record)
     // when it is absent. Changes the tree in every mode, Deferred included.
+    // The reference is good until the next operation on the store: store
+    // through it (ref.set) at once.
     Status getRef(TagdbKey& key, TagdbNodeRef& ref);
     Status getRef(char const* name, TagdbNodeRef& ref);
     // Stores rec under key, or deletes key when rec is null. The Tagdb takes

@@ -14,10 +14,6 @@ int fileOpenRead(char const* path) {
     return ::open(path, O_RDONLY | O_CLOEXEC);
 }
 
-int fileOpenWrite(char const* path) {
-    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-}
-
 int fileOpenOverwrite(char const* path) {
     return ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
 }

@@ -19,8 +19,6 @@ namespace qk::platform {
 
 // Opens an existing file for reading.
 QK_EXPORT int fileOpenRead(char const* path);
-// Opens a file for writing, creating it or cutting it to length 0.
-QK_EXPORT int fileOpenWrite(char const* path);
 // Opens a file for writing from its start, creating it but keeping what it
 // holds: a file rewritten in place is never seen empty, not even by a reader
 // that comes while the writer is stopped. fileCut then trims the old tail.

@@ -99,7 +99,8 @@ TEST(TagdbCrash, KilledWriterLeavesTheLastPublishedVersion) {
     std::mt19937 rng(20240611u);
     std::vector<Content> models(1);  // models[t]: the store after transaction t
     int reported = 0, kills = 0;
-    for (int round = 0; round < 150 && !HasFailure(); ++round) {
+    int rounds = 150 * soakFactor();
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
@@ -139,7 +140,7 @@ TEST(TagdbCrash, KilledWriterLeavesTheLastPublishedVersion) {
         ASSERT_EQ(content, models[static_cast<size_t>(seen)]);
         reported = seen;
     }
-    EXPECT_EQ(kills, 150);
+    EXPECT_EQ(kills, rounds);
 }
 
 }  // namespace

@@ -148,7 +148,7 @@ class TagdbItrModel : public testing::TestWithParam<std::tuple<int, int>> {};
 
 TEST_P(TagdbItrModel, WalksMatchTheModelWhileTheTreeChanges) {
     auto [maxEntries, cacheSize] = GetParam();
-    ItrModel(maxEntries, cacheSize, 104729u * maxEntries + cacheSize).run(60);
+    ItrModel(maxEntries, cacheSize, 104729u * maxEntries + cacheSize).run(60 * soakFactor());
 }
 
 INSTANTIATE_TEST_SUITE_P(NodeAndCacheSizes, TagdbItrModel,

@@ -190,7 +190,7 @@ class TagdbTreeModel : public testing::TestWithParam<std::tuple<int, int>> {};
 
 TEST_P(TagdbTreeModel, RandomOperationsMatchAMap) {
     auto [maxEntries, cacheSize] = GetParam();
-    TreeModel(maxEntries, cacheSize, 7919u * maxEntries + cacheSize).run(1500);
+    TreeModel(maxEntries, cacheSize, 7919u * maxEntries + cacheSize).run(1500 * soakFactor());
 }
 
 INSTANTIATE_TEST_SUITE_P(SmallNodesTinyCaches, TagdbTreeModel,
