@@ -7,6 +7,7 @@
 #   make tsan      the tests under ThreadSanitizer
 #   make install PREFIX=/some/where
 #   make format    clang-format every source file
+#   make soak      the tag database's randomised and crash tests, 20 times longer
 #
 # Missing Debian packages are installed with apt-get on first use.
 
@@ -79,3 +80,9 @@ format:
 
 clean:
 	rm -rf build build-bench build-asan build-tsan build-install
+
+.PHONY: soak
+soak: deps
+	$(call build,build,$(DEV_ARGS))
+	cd build && QK_TAGDB_SOAK=20 ctest --output-on-failure -j $(JOBS) \
+	  -R 'TagdbTreeModel|TagdbItrModel|TagdbCrash|TagdbWriters'

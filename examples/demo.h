@@ -5,3 +5,4 @@ void demoThreads();
 void demoStrings();
 void demoLists();
 void demoMemory();
+void demoTagdb();

@@ -10,6 +10,7 @@ int main() {
     demoStrings();
     demoLists();
     demoMemory();
+    demoTagdb();
     std::printf("\ndone.\n");
     return 0;
 }

@@ -12,6 +12,8 @@
 //                    then removes superseded files and the locks;
 //   abort()          removes what the transaction wrote and drops the
 //                    changed nodes.
+// Inside a transaction get, set and getRef read and change the active
+// store's tree; TagdbItr (TagdbItr.h) walks it in key order.
 // A start or commit that fails rolls back and returns Aborted; a commit whose
 // rollback could not restore every version file returns RollbackFailed and
 // leaves the transaction open.
@@ -56,6 +58,34 @@ class QK_EXPORT Tagdb : public TagdbCommon {
     Status abort();
     Status close();
 
+    // ---- Records of the active store (NotOpen without one, NoTransaction
+    // outside a transaction, Failed when a node cannot be read or written) --
+    // rec = the record stored under key, owned by the tree and valid until
+    // the key is set again or removed or its node leaves memory; null (and
+    // Ok) when the key is absent.
+    Status get(TagdbKey& key, TagdbRecord*& rec);
+    Status get(char const* name, TagdbRecord*& rec);
+    // The record's bytes as text / as bytes and length (null, 0 without a
+    // record, or for records that are not TagdbBlobRecords).
+    Status get(char const* name, char const*& text);
+    Status get(char const* name, void const*& data, int& n);
+    // ref = the leaf entry of key, inserting key (a copy, with no record)
+    // when it is absent. Changes the tree in every mode, Deferred included.
+    // The reference is good until the next operation on the store: store
+    // through it (ref.set) at once.
+    Status getRef(TagdbKey& key, TagdbNodeRef& ref);
+    Status getRef(char const* name, TagdbNodeRef& ref);
+    // Stores rec under key, or deletes key when rec is null. The Tagdb takes
+    // ownership of rec in every case, also when the call fails. In Deferred
+    // mode the pair goes to the log and is applied at commit.
+    Status set(TagdbKey& key, TagdbRecord* rec);
+    Status set(char const* name, TagdbRecord* rec);
+    // A copy of the n bytes (null data: a record without data, which reads
+    // back as no record).
+    Status set(char const* name, void const* data, int n);
+    // The text with its NUL; a null text is set(name, null, 0).
+    Status set(char const* name, char const* text);
+
     TagdbStore* getCurrent() const { return current; }
     int getStoreCount() const { return storeCount; }
     TagdbStore* getStore(int i) const { return i >= 0 && i < storeCount ? stores[i] : nullptr; }
@@ -78,6 +108,8 @@ class QK_EXPORT Tagdb : public TagdbCommon {
     friend class TagdbStore;
     friend class TagdbItr;
 
+    // NotOpen / NoTransaction as the record operations report them.
+    Status usable() const;
     Status publish();
     Status rollbackPublish(int failed);
     void abortStores();

@@ -16,6 +16,10 @@
 // name + "-lock" exclusively, polling every 20 ms, and gives up with
 // LockTimeout after 30 seconds; the file's existence is the lock, so a lock
 // left by a dead process blocks until someone deletes the file.
+// A file opened in WriteMode is written from its start and cut to the length
+// written when it is closed, rather than emptied when it is opened: a file
+// rewritten in place (the store's version file) then holds its old content
+// or its new one, never nothing, whenever the writing process dies.
 // System calls interrupted by a signal (EINTR) are retried up to 100 times in
 // open, close, read, write and remove; remove also retries EBUSY.
 //
@@ -115,4 +119,5 @@ class QK_EXPORT TagdbLocalFile : public TagdbFile {
 
   protected:
     int descriptor;  // -1 when closed
+    int cutAtClose;  // write mode over an existing file: trim its old tail at close
 };

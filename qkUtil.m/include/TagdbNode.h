@@ -84,6 +84,15 @@ class QK_EXPORT TagdbNodeRef : public TagdbCommon {
     Status set(TagdbRecord* rec);
     // Marks the node modified after a change made through ptr() or key().
     Status update();
+    // Removes the entry: its key and (in a leaf) its record are released
+    // and the later entries move down. Iterators on the node are detached.
+    Status remove();
+    // Removes the entry of a leaf, given parent, the ancestor entry that
+    // holds the leaf's greatest key (the last inner entry with a key on the
+    // path). Removing the last entry moves that separator down to the new
+    // greatest key; a leaf that loses its only entry directly under parent
+    // is freed and parent's entry removed instead.
+    Status remove(TagdbNodeRef& parent);
 
     TagdbNode* node;
     int index;

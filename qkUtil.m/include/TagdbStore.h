@@ -91,6 +91,27 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     // version negative and lowers freeHint.
     void freeNode(TagdbNode* node);
 
+    // ---- The node tree ---------------------------------------------------
+    // The tree of the store: a B+-tree whose root is node 0. Inner entries
+    // hold the greatest key of their child's subtree; the last entry of
+    // every node has no key; a leaf's last entry holds the record of the key
+    // stored as separator in its nearest ancestor entry with a key.
+    // rec = the record under key (owned by the tree), null when absent.
+    Status treeGet(TagdbKey& key, TagdbRecord*& rec);
+    // ref = the leaf entry of key, inserted (a copy, no record) if absent.
+    Status treeGetRef(TagdbKey& key, TagdbNodeRef& ref);
+    // Stores rec (taking it over) or, for a null rec, deletes key.
+    Status treeSet(TagdbKey& key, TagdbRecord* rec);
+    // The position of key in node n searched with tie value `tie` taking the
+    // place of an equal comparison (0: find the key, 1: go past it); found
+    // is set when an entry compared equal. A node of one entry gives 0.
+    static int search(TagdbNode* n, TagdbKey& key, int tie, int& found);
+    // ref = the child of inner node n at pos; Failed when it cannot be
+    // loaded or is not one level below n (a damaged store).
+    Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref);
+    // ref = the root; Failed when its level is beyond any reachable height.
+    Status loadRoot(TagdbNodeRef& ref);
+
     // ---- Node cache ----------------------------------------------------
     // The cached node with id (moved to the front of the recency list), or null.
     TagdbNode* cacheLookup(long long id);
@@ -158,9 +179,21 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status replayLog();
     // Stores a replayed pair in this store's tree, as Tagdb::set does.
     Status applyLogged(TagdbKey& key, TagdbRecord* rec);
+    // Takes the lock for a commit of changes made without it (Deferred mode)
+    // and checks that no other process committed meanwhile.
+    Status lockUnchanged();
+    Status insertBelow(TagdbNode* x, TagdbKey& key, int found, TagdbNodeRef& ref, TagdbKey*& sep,
+                       TagdbNodeRef& sibling);
+    Status insertEntry(TagdbNode* x, int i, TagdbKey* key, long long value, TagdbNodeRef* ref,
+                       TagdbKey*& sep, TagdbNodeRef& sibling);
+    Status splitNode(TagdbNode* x, int i, TagdbNodeRef* ref, TagdbKey*& sep, TagdbNodeRef& sibling);
+    Status growRoot(TagdbNode* oldRoot, TagdbKey* sep, TagdbNode* sibling);
+    Status removeKey(TagdbKey& key);
+    void deleteEntry(TagdbCacheEntry* entry);
     Status createLog();
     void discardLog();
     void removeWrittenFiles();
 
     int indexWritten;  // this transaction wrote N-x-newVersion
+    int treeFailed;    // a tree change failed part-way: commit must not publish
 };

@@ -8,6 +8,7 @@
 #include "Tagdb.h"
 #include "TagdbCommon.h"
 #include "TagdbFile.h"
+#include "TagdbItr.h"
 #include "TagdbKey.h"
 #include "TagdbNode.h"
 #include "TagdbStore.h"

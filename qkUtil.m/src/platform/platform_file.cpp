@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,8 +14,18 @@ int fileOpenRead(char const* path) {
     return ::open(path, O_RDONLY | O_CLOEXEC);
 }
 
-int fileOpenWrite(char const* path) {
-    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+int fileOpenOverwrite(char const* path) {
+    return ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+}
+
+long long fileSize(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+int fileCut(int fd) {
+    off_t at = ::lseek(fd, 0, SEEK_CUR);
+    return at < 0 ? -1 : ::ftruncate(fd, at);
 }
 
 int fileCreateExclusive(char const* path) {

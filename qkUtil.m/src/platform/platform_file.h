@@ -19,8 +19,14 @@ namespace qk::platform {
 
 // Opens an existing file for reading.
 QK_EXPORT int fileOpenRead(char const* path);
-// Opens a file for writing, creating it or cutting it to length 0.
-QK_EXPORT int fileOpenWrite(char const* path);
+// Opens a file for writing from its start, creating it but keeping what it
+// holds: a file rewritten in place is never seen empty, not even by a reader
+// that comes while the writer is stopped. fileCut then trims the old tail.
+QK_EXPORT int fileOpenOverwrite(char const* path);
+// The size of an open file in bytes, -1 on error.
+QK_EXPORT long long fileSize(int fd);
+// Cuts the file at the descriptor's current offset.
+QK_EXPORT int fileCut(int fd);
 // Creates a file that must not exist yet (atomic in the file system), opened
 // for reading and writing; fails with EEXIST when it exists.
 QK_EXPORT int fileCreateExclusive(char const* path);

@@ -65,7 +65,7 @@ void TagdbStore::cacheRemove(long long id) {
     LinkedList& bucket = cacheBuckets[id % cacheSize()];
     for (LinkedList* link = bucket.next(); link != &bucket; link = link->next()) {
         if (entryOf(link)->node->id == id) {
-            delete entryOf(link);
+            deleteEntry(entryOf(link));
             return;
         }
     }
@@ -73,5 +73,12 @@ void TagdbStore::cacheRemove(long long id) {
 
 void TagdbStore::dropCache() {
     while (lru.linked())
-        delete entryOf(lru.prev());
+        deleteEntry(entryOf(lru.prev()));
+}
+
+// A node that leaves the cache this way may be stale or about to be: the
+// iterators standing on it let go and resume by key.
+void TagdbStore::deleteEntry(TagdbCacheEntry* entry) {
+    detachIterators(entry->node->id);
+    delete entry;
 }

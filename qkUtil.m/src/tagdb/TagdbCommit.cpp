@@ -33,6 +33,11 @@ TagdbCommon::Status TagdbStore::writeVersion(int v) {
 }
 
 TagdbCommon::Status TagdbStore::prepare() {
+    if (treeFailed) return Failed;  // the tree may be half-changed: never publish it
+    // Changes made straight to the tree without the lock (getRef in Deferred
+    // mode) are committed only under the lock and only over the version
+    // they were made on.
+    if (dirty && !locked && owner->transMode != Recreate && lockUnchanged() != Ok) return Failed;
     if (logFile.isOpen()) {
         Status replayed = replayLog();
         if (replayed != Ok) return replayed;
@@ -53,6 +58,13 @@ TagdbCommon::Status TagdbStore::prepare() {
     }
     Status closed = file->close();
     return wrote == Ok && closed == Ok ? Ok : Failed;
+}
+
+TagdbCommon::Status TagdbStore::lockUnchanged() {
+    if (file->lock(name) != Ok) return Failed;
+    locked = 1;
+    int v = 0;
+    return readVersionFile(v) == Ok && v == version ? Ok : Failed;
 }
 
 // Ends the log with the empty key and record, reads it back and applies
@@ -111,6 +123,7 @@ void TagdbStore::cleanUp() {
     }
     dirty = 0;
     indexWritten = 0;
+    treeFailed = 0;
 }
 
 TagdbCommon::Status TagdbStore::abort() {
@@ -122,6 +135,7 @@ TagdbCommon::Status TagdbStore::abort() {
         dirty = 0;
     }
     indexWritten = 0;
+    treeFailed = 0;
     if (locked && file->unlock(name) == Ok) locked = 0;
     return Aborted;
 }

@@ -59,13 +59,10 @@ int TagdbStringKey::compare(TagdbKey* other) {
     // A null text (the empty key) reads as the empty text rather than
     // faulting; the tree never compares it, but a caller might.
     char const* theirs = static_cast<TagdbStringKey*>(other)->string;
-    unsigned char const* a = reinterpret_cast<unsigned char const*>(string ? string : "");
-    unsigned char const* b = reinterpret_cast<unsigned char const*>(theirs ? theirs : "");
-    while (*a && *a == *b) {
-        ++a;
-        ++b;
-    }
-    return *a < *b ? -1 : *a > *b ? 1 : 0;
+    // strcmp compares as unsigned char, and the C library's is vectorised:
+    // keys in a store tend to share long prefixes, which it skips fast.
+    int c = std::strcmp(string ? string : "", theirs ? theirs : "");
+    return c < 0 ? -1 : c > 0 ? 1 : 0;
 }
 
 int TagdbStringKey::match(TagdbKey* other) {

@@ -28,9 +28,18 @@ bool closeDescriptor(int fd) {
     return false;
 }
 
+// Cuts the file at the current offset, retrying interruptions.
+bool cutHere(int fd) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (plat::fileCut(fd) == 0) return true;
+        if (errno != EINTR) return false;
+    }
+    return false;
+}
+
 }  // namespace
 
-TagdbLocalFile::TagdbLocalFile() : descriptor(-1) {}
+TagdbLocalFile::TagdbLocalFile() : descriptor(-1), cutAtClose(0) {}
 
 TagdbLocalFile::~TagdbLocalFile() {
     close();
@@ -49,10 +58,13 @@ TagdbCommon::Status TagdbLocalFile::open(char const* path, FileMode m) {
     init(m);
     if (!path) return Failed;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        descriptor = m == WriteMode ? plat::fileOpenWrite(path) : plat::fileOpenRead(path);
+        descriptor = m == WriteMode ? plat::fileOpenOverwrite(path) : plat::fileOpenRead(path);
         if (descriptor >= 0 || errno != EINTR) break;
     }
     if (descriptor < 0) descriptor = -1;
+    // A new file (the common case: node and index files get new names)
+    // needs no cut; an existing one is cut after the last byte written.
+    cutAtClose = isOpen() && m == WriteMode && plat::fileSize(descriptor) != 0;
     return isOpen() ? Ok : Failed;
 }
 
@@ -65,6 +77,7 @@ TagdbCommon::Status TagdbLocalFile::openUnique(char* pattern) {
         if (descriptor >= 0 || errno != EINTR) break;
     }
     if (descriptor < 0) descriptor = -1;
+    cutAtClose = 0;
     return isOpen() ? Ok : Failed;
 }
 
@@ -78,6 +91,8 @@ TagdbCommon::Status TagdbLocalFile::close() {
             failed = true;
         }
     }
+    if (cutAtClose && !failed && !cutHere(descriptor)) failed = true;
+    cutAtClose = 0;
     if (closeDescriptor(descriptor)) {
         descriptor = -1;
     } else {

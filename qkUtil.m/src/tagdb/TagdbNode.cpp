@@ -79,20 +79,7 @@ TagdbCommon::Status TagdbNodeRef::get(TagdbRecord*& rec) {
     return Ok;
 }
 
-TagdbCommon::Status TagdbNodeRef::set(TagdbRecord* rec) {
-    TagdbRecord*& slot = node->values[index].record;
-    if (rec != slot) {
-        if (slot) slot->release();
-        slot = rec;
-    }
-    node->store->markModified(node);
-    return Ok;
-}
-
-TagdbCommon::Status TagdbNodeRef::update() {
-    if (node) node->store->markModified(node);
-    return Ok;
-}
+// set, update and the two removals are the tree's (TagdbTree.cpp).
 
 // ---- TagdbCacheEntry ------------------------------------------------------
 

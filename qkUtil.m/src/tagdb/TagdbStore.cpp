@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Tagdb.h"
+#include "TagdbItr.h"
 #include "platform/platform.h"
 #include "qkMemory.h"
 
@@ -75,7 +76,8 @@ TagdbStore::TagdbStore(Tagdb* db, TagdbKeyReader kr, TagdbRecordReader rr, void*
       iterators(nullptr),
       iteratorCount(0),
       iteratorCapacity(0),
-      indexWritten(0) {}
+      indexWritten(0),
+      treeFailed(0) {}
 
 TagdbStore* TagdbStore::create(Tagdb* db, char const* storeName, TagdbKeyReader kr,
                                TagdbRecordReader rr, void* ud) {
@@ -100,6 +102,11 @@ TagdbStore* TagdbStore::create(Tagdb* db, char const* storeName, TagdbKeyReader 
 }
 
 TagdbStore::~TagdbStore() {
+    // Iterators may outlive the store: they let go of its nodes now and
+    // report NotOpen from here on.
+    for (int i = 0; i < iteratorCount; ++i)
+        iterators[i]->orphan();
+    iteratorCount = 0;
     dropCache();
     delete[] cacheBuckets;
     qkFree(name, __FILE__, __LINE__);
@@ -270,7 +277,7 @@ void TagdbStore::dropMoved(int const* oldVersions, long long oldCount) {
         long long id = entry->node->id;
         bool same = oldVersions && id < oldCount && id < nodeCount &&
                     oldVersions[id] == committedVersions[id];
-        if (!same) delete entry;
+        if (!same) deleteEntry(entry);
         link = following;
     }
 }

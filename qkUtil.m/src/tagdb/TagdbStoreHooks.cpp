@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Tagdb.h"
+#include "TagdbItr.h"
 #include "qkMemory.h"
 
 TagdbCommon::Status TagdbStore::addIterator(TagdbItr* itr) {
@@ -30,14 +31,16 @@ void TagdbStore::removeIterator(TagdbItr* itr) {
     }
 }
 
-// ---- Supplied by the iterators and the node tree ----------------------------
-// The iterator class and the tree are built on top of this layer. Until they
-// are, no iterator can stand on a node, and a replayed pair cannot be stored:
-// a commit with deferred writes fails and rolls back.
+// ---- Where the tree and the iterators come in ------------------------------
 
-void TagdbStore::detachIterators(long long) {}
+// Every iterator standing on the node, or below an entry of it, saves its
+// current key and lets go of its position; it resumes after that key.
+void TagdbStore::detachIterators(long long nodeId) {
+    for (int i = 0; i < iteratorCount; ++i)
+        iterators[i]->restartIterator(nodeId);
+}
 
-TagdbCommon::Status TagdbStore::applyLogged(TagdbKey&, TagdbRecord* rec) {
-    if (rec) rec->release();
-    return Failed;
+// A pair from the deferred log goes into the tree as Tagdb::set puts it.
+TagdbCommon::Status TagdbStore::applyLogged(TagdbKey& key, TagdbRecord* rec) {
+    return treeSet(key, rec);
 }

@@ -47,6 +47,14 @@ class TempDir {
     std::string path_;
 };
 
+// How many times longer the randomised tests run: QK_TAGDB_SOAK (make soak),
+// else 1.
+inline int soakFactor() {
+    char const* f = std::getenv("QK_TAGDB_SOAK");
+    int n = f ? std::atoi(f) : 1;
+    return n > 1 ? n : 1;
+}
+
 inline Bytes readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), {});

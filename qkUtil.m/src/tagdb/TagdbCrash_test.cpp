@@ -1,0 +1,146 @@
+// Crash safety: a child process commits transaction after transaction and is
+// killed with SIGKILL at a random moment, round after round. After each kill
+// a reader (once the dead writer's lock file is removed) must see exactly
+// the last published transaction: every transaction the child reported as
+// committed is there, nothing of an unpublished one is, and the tree is
+// sound. Each transaction's content is a function of its number, so the
+// expected store is rebuilt independently of the library.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "TagdbItr.h"
+#include "TagdbTestUtil.h"
+#include "tagdb/TagdbCheck.h"
+
+using namespace tagdbtest;
+
+namespace {
+
+using Content = std::map<std::string, std::string>;
+
+// Transaction t: a few sets and deletes over 150 keys, and the counter "n".
+std::vector<std::pair<std::string, std::string>> changesOf(int t) {
+    std::mt19937 rng(static_cast<unsigned>(t));
+    std::vector<std::pair<std::string, std::string>> out;
+    for (int i = 1 + static_cast<int>(rng() % 6); i > 0; --i) {
+        std::string key = "k" + std::to_string(rng() % 150);
+        out.emplace_back(key,
+                         rng() % 4 == 0 ? "" : "t" + std::to_string(t) + "." + std::to_string(i));
+    }
+    out.emplace_back("n", std::to_string(t));
+    return out;
+}
+
+void apply(Content& m, int t) {
+    for (auto const& [k, v] : changesOf(t)) {
+        if (v.empty()) {
+            m.erase(k);
+        } else {
+            m[k] = v;
+        }
+    }
+}
+
+// The child: commits transactions from the store's counter on, reporting
+// each number on fd once its commit has returned.
+[[noreturn]] void commitForever(std::string const& name, int fd) {
+    Tagdb db(3, 4);
+    openStore(db, name);
+    while (true) {
+        if (db.start(T::Update) != T::Ok) _exit(2);
+        char const* n = nullptr;
+        if (db.get("n", n) != T::Ok) _exit(3);
+        int t = n ? std::atoi(n) + 1 : 1;
+        for (auto const& [k, v] : changesOf(t)) {
+            T::Status st = v.empty() ? db.set(k.c_str(), static_cast<TagdbRecord*>(nullptr))
+                                     : db.set(k.c_str(), v.c_str());
+            if (st != T::Ok) _exit(4);
+        }
+        if (db.commit() != T::Ok) _exit(5);
+        if (write(fd, &t, sizeof t) != sizeof t) _exit(6);
+    }
+}
+
+// The highest transaction number the child reported.
+int lastReported(int fd, int last) {
+    int t = 0;
+    while (read(fd, &t, sizeof t) == sizeof t)
+        last = std::max(last, t);
+    return last;
+}
+
+// Reads the store as it stands: its counter and its whole content.
+int readStore(std::string const& name, Content& content) {
+    Tagdb db(8, 4);
+    TagdbStore* s = openStore(db, name);
+    EXPECT_EQ(db.start(T::Deferred), T::Ok);
+    qk::tagdb::TreeReport report;
+    EXPECT_EQ(qk::tagdb::checkTree(s, 4, report), T::Ok)
+        << (report.problems.empty() ? "" : report.problems[0]);
+    TagdbItr it(&db, "");
+    int more = 0;
+    while (it.next(more) == T::Ok && more) {
+        char const* v = nullptr;
+        it.get(v);
+        content[text(it.getKey())] = v ? v : "<null>";
+    }
+    db.abort();
+    auto n = content.find("n");
+    return n == content.end() ? 0 : std::atoi(n->second.c_str());
+}
+
+TEST(TagdbCrash, KilledWriterLeavesTheLastPublishedVersion) {
+    TempDir dir;
+    std::string name = dir / "s";
+    std::mt19937 rng(20240611u);
+    std::vector<Content> models(1);  // models[t]: the store after transaction t
+    int reported = 0, kills = 0;
+    int rounds = 150 * soakFactor();
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            close(fds[0]);
+            commitForever(name, fds[1]);
+        }
+        close(fds[1]);
+        // The kill falls at a random moment of the commits that follow the
+        // child's first one, whatever the machine's speed.
+        int first = 0;
+        bool started = read(fds[0], &first, sizeof first) == sizeof first;
+        usleep(static_cast<useconds_t>(rng() % 4000));
+        kill(pid, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
+        ASSERT_TRUE(started) << "the writer made no commit";
+        ++kills;
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        reported = lastReported(fds[0], std::max(reported, first));
+        close(fds[0]);
+        std::error_code ec;
+        fs::remove(name + "-lock", ec);  // the dead writer's
+
+        Content content;
+        int seen = readStore(name, content);
+        // Published but killed before reporting: one more than reported.
+        ASSERT_TRUE(seen == reported || seen == reported + 1)
+            << "store at " << seen << ", last reported " << reported;
+        while (static_cast<int>(models.size()) <= seen) {
+            models.push_back(models.back());
+            apply(models.back(), static_cast<int>(models.size()) - 1);
+        }
+        ASSERT_EQ(content, models[static_cast<size_t>(seen)]);
+        reported = seen;
+    }
+    EXPECT_EQ(kills, rounds);
+}
+
+}  // namespace

@@ -1,0 +1,329 @@
+// The node tree of a store: search, lookup, find-or-insert with node splits
+// and growth at the root, and deletion with the separator swap and the
+// freeing of an emptied leaf.
+//
+// Every node changed by an operation is touched in the cache after its last
+// change: an evicted node that is still held stays in memory uncached, and a
+// change made to it would otherwise never reach a file. Eviction writes a
+// changed node early, so a node may be written several times in one
+// transaction; the last write before commit wins.
+#include <cstring>
+#include <utility>
+
+#include "Tagdb.h"
+
+namespace {
+
+// A root splits only when full, so each level of height at least doubles the
+// keys ever inserted: a root level above this can only come from a damaged
+// file, and refusing it bounds every descent (and the recursion of inserts).
+constexpr int kMaxHeight = 64;
+
+}  // namespace
+
+int TagdbStore::search(TagdbNode* n, TagdbKey& key, int tie, int& found) {
+    int low = 0, high = n->count - 2;  // the last entry's key is never compared
+    while (low <= high) {
+        int mid = (low + high + 1) / 2;
+        int c = key.compare(n->keys[mid]);
+        if (c == 0) c = tie;
+        if (c == 0) {
+            found = 1;
+            return mid;
+        }
+        if (c < 0) {
+            high = mid - 1;
+        } else {
+            low = mid + 1;
+        }
+    }
+    return low;
+}
+
+TagdbCommon::Status TagdbStore::loadRoot(TagdbNodeRef& ref) {
+    if (loadNode(0, ref) != Ok) return Failed;
+    if (ref.node->level > kMaxHeight || ref.node->count < 1) {
+        ref.release();
+        return Failed;
+    }
+    return Ok;
+}
+
+// Levels fall by exactly one on the way down, so a damaged file cannot lead
+// the descent in a circle.
+TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref) {
+    long long id = n->values[pos].id;
+    int level = n->level;  // n may leave memory when ref lets go of it
+    if (loadNode(id, ref) != Ok) return Failed;
+    if (ref.node->level != level - 1 || ref.node->count < 1) {
+        ref.release();
+        return Failed;
+    }
+    return Ok;
+}
+
+// ---- Lookup -----------------------------------------------------------------
+
+// Once the key is found in an inner node it is the greatest key of that
+// entry's subtree, and so sits in the last entry of every node below.
+TagdbCommon::Status TagdbStore::treeGet(TagdbKey& key, TagdbRecord*& rec) {
+    rec = nullptr;
+    TagdbNodeRef ref;
+    if (loadRoot(ref) != Ok) return Failed;
+    int found = 0;
+    while (true) {
+        TagdbNode* n = ref.node;
+        int pos = found ? n->count - 1 : search(n, key, 0, found);
+        if (n->isLeaf()) {
+            if (found) rec = n->values[pos].record;
+            return Ok;
+        }
+        if (loadChild(n, pos, ref) != Ok) return Failed;
+    }
+}
+
+// ---- Find or insert ---------------------------------------------------------
+
+TagdbCommon::Status TagdbStore::treeGetRef(TagdbKey& key, TagdbNodeRef& ref) {
+    TagdbNodeRef root;
+    if (loadRoot(root) != Ok) return Failed;
+    TagdbKey* sep = nullptr;
+    TagdbNodeRef sibling;
+    Status st = insertBelow(root.node, key, 0, ref, sep, sibling);
+    return st == Ok ? Ok : Failed;  // the root grows in place: no Split reaches here
+}
+
+// Applies find-or-insert to the subtree of x. Split means x split: sep and
+// sibling are what x's parent must take in.
+TagdbCommon::Status TagdbStore::insertBelow(TagdbNode* x, TagdbKey& key, int found,
+                                            TagdbNodeRef& ref, TagdbKey*& sep,
+                                            TagdbNodeRef& sibling) {
+    int pos = found ? x->count - 1 : search(x, key, 0, found);
+    if (x->isLeaf()) {
+        if (found) {
+            ref.dup(x, pos);
+            return Ok;
+        }
+        TagdbKey* copy = key.copy();
+        if (!copy) return Failed;
+        return insertEntry(x, pos, copy, 0, &ref, sep, sibling);
+    }
+    TagdbNodeRef child;
+    if (loadChild(x, pos, child) != Ok) return Failed;
+    TagdbKey* childSep = nullptr;
+    TagdbNodeRef childSibling;
+    Status st = insertBelow(child.node, key, found, ref, childSep, childSibling);
+    if (st != Split) return st;
+    // The child kept the keys up to childSep: the entry that led to it now
+    // leads to its new right sibling, and (childSep, child) goes before it.
+    x->values[pos].id = childSibling.node->id;
+    return insertEntry(x, pos, childSep, child.node->id, nullptr, sep, sibling);
+}
+
+// Inserts (key, value) at i, taking over key; splits x when it overflows.
+TagdbCommon::Status TagdbStore::insertEntry(TagdbNode* x, int i, TagdbKey* key, long long value,
+                                            TagdbNodeRef* ref, TagdbKey*& sep,
+                                            TagdbNodeRef& sibling) {
+    if (x->count >= TagdbNode::kSlots) {  // only a node that was already over-full
+        key->release();
+        treeFailed = 1;
+        return Failed;
+    }
+    detachIterators(x->id);
+    size_t moved = static_cast<size_t>(x->count - i);
+    std::memmove(&x->keys[i + 1], &x->keys[i], moved * sizeof x->keys[0]);
+    std::memmove(&x->values[i + 1], &x->values[i], moved * sizeof x->values[0]);
+    x->keys[i] = key;
+    x->values[i].id = value;
+    ++x->count;
+    markModified(x);
+    if (x->count <= owner->maxEntries) {
+        if (ref) ref->dup(x, i);
+        if (cacheTouch(x) == Ok) return Ok;
+        treeFailed = 1;
+        return Failed;
+    }
+    return splitNode(x, i, ref, sep, sibling);
+}
+
+// x keeps entries 0 to half, the new sibling the rest; the key at half
+// becomes the separator and leaves x, whose last entry has no key.
+TagdbCommon::Status TagdbStore::splitNode(TagdbNode* x, int i, TagdbNodeRef* ref, TagdbKey*& sep,
+                                          TagdbNodeRef& sibling) {
+    if (newNode(sibling) != Ok) {
+        treeFailed = 1;
+        return Failed;
+    }
+    TagdbNode* y = sibling.node;
+    y->type = x->type;
+    y->level = x->level;
+    int half = x->count / 2;
+    int moved = x->count - half - 1;
+    for (int k = 0; k < moved; ++k) {
+        y->keys[k] = x->keys[half + 1 + k];
+        y->values[k] = x->values[half + 1 + k];
+        x->keys[half + 1 + k] = nullptr;
+        x->values[half + 1 + k].id = 0;
+    }
+    y->count = moved;
+    sep = x->keys[half];
+    x->keys[half] = nullptr;
+    x->count = half + 1;
+    markModified(x);
+    markModified(y);
+    if (ref) {
+        if (i > half) {
+            ref->dup(y, i - half - 1);
+        } else {
+            ref->dup(x, i);
+        }
+    }
+    if (cacheInsert(y) != Ok || cacheTouch(x) != Ok) {
+        treeFailed = 1;
+        return Failed;
+    }
+    if (x->id == 0) return growRoot(x, sep, y);
+    return Split;
+}
+
+// The root keeps id 0: the old root moves to a new id and a new root one
+// level higher takes id 0 over the two halves.
+TagdbCommon::Status TagdbStore::growRoot(TagdbNode* oldRoot, TagdbKey* sep, TagdbNode* sibling) {
+    TagdbNodeRef fresh;
+    if (newNode(fresh) != Ok) {
+        sep->release();
+        treeFailed = 1;
+        return Failed;
+    }
+    TagdbNode* root = fresh.node;
+    long long movedId = root->id;
+    cacheRemove(0);
+    oldRoot->id = movedId;
+    root->id = 0;
+    root->type = TagdbNode::Inner;
+    root->level = oldRoot->level + 1;
+    root->count = 2;
+    root->keys[0] = sep;
+    root->values[0].id = movedId;
+    root->keys[1] = nullptr;
+    root->values[1].id = sibling->id;
+    markModified(oldRoot);
+    markModified(root);
+    if (cacheInsert(oldRoot) != Ok || cacheInsert(root) != Ok) {
+        treeFailed = 1;
+        return Failed;
+    }
+    return Ok;
+}
+
+// ---- Store and delete -------------------------------------------------------
+
+TagdbCommon::Status TagdbStore::treeSet(TagdbKey& key, TagdbRecord* rec) {
+    if (!rec) return removeKey(key);
+    TagdbNodeRef ref;
+    if (treeGetRef(key, ref) != Ok) {
+        rec->release();
+        return Failed;
+    }
+    Status st = ref.set(rec);
+    if (st != Ok) treeFailed = 1;
+    return st;
+}
+
+// Descends as the lookup does, keeping the last inner entry with a key on
+// the path: it holds the greatest key of the leaf reached.
+TagdbCommon::Status TagdbStore::removeKey(TagdbKey& key) {
+    TagdbNodeRef cur, parent;
+    if (loadRoot(cur) != Ok) return Failed;
+    int found = 0;
+    while (!cur.node->isLeaf()) {
+        TagdbNode* n = cur.node;
+        int pos = found ? n->count - 1 : search(n, key, 0, found);
+        if (n->keys[pos]) parent.dup(n, pos);
+        if (loadChild(n, pos, cur) != Ok) return Failed;
+    }
+    int pos = found ? cur.node->count - 1 : search(cur.node, key, 0, found);
+    if (!found) return Ok;
+    cur.index = pos;
+    Status st = cur.remove(parent);
+    if (st != Ok) treeFailed = 1;
+    return st;
+}
+
+// ---- Editing through a reference --------------------------------------------
+
+TagdbCommon::Status TagdbNodeRef::set(TagdbRecord* rec) {
+    if (!node) {
+        if (rec) rec->release();
+        return Failed;
+    }
+    TagdbRecord*& slot = node->values[index].record;
+    if (rec != slot) {
+        if (slot) slot->release();
+        slot = rec;
+    }
+    node->store->markModified(node);
+    return node->store->cacheTouch(node);
+}
+
+TagdbCommon::Status TagdbNodeRef::update() {
+    if (!node) return Ok;
+    node->store->markModified(node);
+    return node->store->cacheTouch(node);
+}
+
+TagdbCommon::Status TagdbNodeRef::remove() {
+    if (!node || index < 0 || index >= node->count) return Failed;
+    TagdbNodeRef self(*this);  // detaching may let go of this very reference
+    TagdbNode* n = self.node;
+    int i = self.index;
+    TagdbStore* store = n->store;
+    store->detachIterators(n->id);
+    if (n->keys[i]) n->keys[i]->release();
+    if (n->isLeaf() && n->values[i].record) n->values[i].record->release();
+    size_t moved = static_cast<size_t>(n->count - i - 1);
+    std::memmove(&n->keys[i], &n->keys[i + 1], moved * sizeof n->keys[0]);
+    std::memmove(&n->values[i], &n->values[i + 1], moved * sizeof n->values[0]);
+    --n->count;
+    n->keys[n->count] = nullptr;
+    n->values[n->count].id = 0;
+    store->markModified(n);
+    return store->cacheTouch(n);
+}
+
+TagdbCommon::Status TagdbNodeRef::remove(TagdbNodeRef& parentRef) {
+    if (!node || !node->isLeaf() || index < 0 || index >= node->count) return Failed;
+    TagdbNodeRef leaf(*this), parent(parentRef);  // detaching may drop the originals
+    TagdbNode* l = leaf.node;
+    int i = leaf.index;
+    if (i < l->count - 1) return leaf.remove();
+    TagdbNode* p = parent.node;
+    if (!p || p->isLeaf() || parent.index < 0 || parent.index >= p->count - 1 ||
+        !p->keys[parent.index]) {
+        return Failed;  // the last entry's key lives in parent: without it, no removal
+    }
+    TagdbStore* store = l->store;
+    store->detachIterators(l->id);
+    store->detachIterators(p->id);
+    if (i > 0) {
+        // The entry before becomes the leaf's greatest: its key moves up as
+        // separator, and the old separator comes down to be removed with
+        // the record being deleted.
+        std::swap(p->keys[parent.index], l->keys[i - 1]);
+        std::swap(l->values[i - 1], l->values[i]);
+        store->markModified(p);
+        leaf.index = i - 1;
+        if (leaf.remove() != Ok) return Failed;
+        return store->cacheTouch(p);
+    }
+    if (p->values[parent.index].id != l->id) {
+        // The leaf hangs below parent through entries without keys: it must
+        // stay, so only its record goes.
+        return leaf.set(nullptr);
+    }
+    // The leaf's only entry goes: the leaf is freed and its entry in parent
+    // removed, which merges its key range into the next child's.
+    store->freeNode(l);
+    l->clear();
+    return parent.remove();
+}
