@@ -1,6 +1,7 @@
 // Sections of the example host; each shows one subsystem at work.
 #pragma once
 
+void hostStartup();
 void demoThreads();
 void demoStrings();
 void demoLists();

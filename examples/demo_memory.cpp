@@ -27,6 +27,11 @@ void limitHandler(qkMemoryErrorId id) {
                 id == QK_MEMORY_SYSTEM_LIMIT ? "system" : "thread");
 }
 
+// The library's warnings, indented like the rest of the demo's output.
+void printWarning(char const* line) {
+    std::printf("  warning: %s", line);
+}
+
 // Blocks handed from one worker to the next, which frees them.
 struct Mailbox {
     std::atomic<void**> slots[kWorkers];
@@ -64,9 +69,16 @@ void burst(int worker, Mailbox& mail, MEMORY_STATS& mine) {
 
 }  // namespace
 
+// The host's start-up: create the memory manager before anything else
+// allocates, so that every later section runs on it, and route the library's
+// warnings through the host's print function.
+void hostStartup() {
+    qkMemory::setPassthru(0, limitHandler);
+    qkMemory::setPrintFunction(printWarning);
+}
+
 void demoMemory() {
     std::printf("\n== Memory: qkMemory, qkMalloc/qkFree on four threads ==\n");
-    qkMemory::setPassthru(0, limitHandler);  // the host's start-up; later calls change nothing
     qkMemory::setThreadLimit(16u << 20);     // each worker crosses it once
     Mailbox mail{};
     MEMORY_STATS perWorker[kWorkers];

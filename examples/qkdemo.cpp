@@ -6,6 +6,7 @@
 
 int main() {
     std::printf("qkUtil example host\n");
+    hostStartup();
     demoThreads();
     demoStrings();
     demoLists();
