@@ -107,13 +107,15 @@ struct SeqModel {
         return std::is_sorted(items.begin(), items.end(),
                               [&](E a, E b) { return compare(a, keyOf(b)) < 0; });
     }
-    // The equal run [lb, ub) of key x among positions from .. count-1.
+    // The equal run [lb, ub) of key x among positions from .. count-1 of a
+    // list in order.
     std::pair<int, int> run(int x, int from = 0) const {
-        int lb = std::max(from, 0), ub;
-        while (order && lb < count() && compare(items[size_t(lb)], x) < 0)
-            ++lb;
-        for (ub = lb; order && ub < count() && compare(items[size_t(ub)], x) == 0;)
-            ++ub;
-        return {lb, ub};
+        auto begin = items.begin() + std::min(std::max(from, 0), count());
+        if (!order) return {int(begin - items.begin()), int(begin - items.begin())};
+        auto lb = std::lower_bound(begin, items.end(), x,
+                                   [&](E a, int key) { return compare(a, key) < 0; });
+        auto ub =
+            std::upper_bound(lb, items.end(), x, [&](int key, E a) { return compare(a, key) > 0; });
+        return {int(lb - items.begin()), int(ub - items.begin())};
     }
 };

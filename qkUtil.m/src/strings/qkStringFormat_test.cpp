@@ -67,7 +67,7 @@ TEST(qkStringFormat, RandomFormatsMatchTheCLibrary) {
     double const doubles[] = {0.0,      -0.0,      2.5,      1e-20,     1e300, DBL_MAX,
                               4.9e-324, 9.9999995, INFINITY, -INFINITY, NAN};
     qkString s;
-    for (int round = 0; round < 150000; ++round) {
+    for (int round = 0; round < 120000; ++round) {
         std::string format, cformat;
         std::vector<Arg> args;
         for (int d = rng() % 5;; --d) {

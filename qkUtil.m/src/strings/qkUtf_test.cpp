@@ -45,7 +45,7 @@ char32_t randomScalar(std::mt19937& rng) {
 // U+FFFD. The UTF-8 result then goes back to both wide forms.
 TEST(qkStringUtf, WideTextConvertsLikeIconv) {
     std::mt19937 rng(3);
-    for (int round = 0; round < 5000; ++round) {
+    for (int round = 0; round < 3000; ++round) {
         std::u32string clean;   // the text with U+FFFD for each broken unit
         std::wstring w;         // UTF-32, broken units included
         std::u16string broken;  // the surrogates that stand for them in UTF-16
