@@ -1,12 +1,13 @@
-// LinkedList against a model: a set of rings held as vectors. Random links
-// (behind heads or behind members of any ring), unlinks, re-inits and
-// destructions; after every step each ring must match its model in both
-// directions and every node must be where the model says.
+// LinkedList against a model: rings held as vectors of node numbers. Random
+// links (behind heads or behind members of any ring, moving nodes between
+// rings), unlinks, re-inits and destructions; after every step each ring must
+// match its model in both directions, every ref must be the one last given,
+// and every node outside the rings must be a ring of itself.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
-#include <optional>
 #include <random>
 #include <vector>
 
@@ -14,156 +15,68 @@
 
 namespace {
 
-struct Item {
-    LinkedList node;
-    int id;
-};
-
-std::unique_ptr<Item> makeItem(int id) {
-    auto item = std::make_unique<Item>();
-    item->id = id;
-    return item;
-}
-
-class RingModel {
-  public:
-    RingModel(int heads, int items) : heads_(heads), rings_(heads) {
-        for (int i = 0; i < items; ++i)
-            items_.push_back(makeItem(i));
-    }
-
-    std::optional<std::pair<int, size_t>> find(int id) const {
-        for (size_t r = 0; r < rings_.size(); ++r) {
-            auto it = std::find(rings_[r].begin(), rings_[r].end(), id);
-            if (it != rings_[r].end())
-                return std::make_pair(int(r), size_t(it - rings_[r].begin()));
-        }
-        return std::nullopt;
-    }
-
-    void removeFromModel(int id) {
-        if (auto at = find(id)) rings_[at->first].erase(rings_[at->first].begin() + at->second);
-    }
-
-    void linkBehindHead(int id, int ring) {
-        Item* it = items_[id].get();
-        removeFromModel(id);
-        it->node.link(&heads_[ring], it);
-        rings_[ring].insert(rings_[ring].begin(), id);
-    }
-
-    // Links `id` directly behind ring member `anchor` (another item).
-    void linkBehindMember(int id, int anchor) {
-        Item* it = items_[id].get();
-        if (anchor == id || !find(anchor)) return;
-        removeFromModel(id);
-        auto at = find(anchor);
-        it->node.link(&items_[anchor]->node, it);
-        rings_[at->first].insert(rings_[at->first].begin() + at->second + 1, id);
-    }
-
-    void unlink(int id) {
-        items_[id]->node.unlink();
-        removeFromModel(id);
-    }
-
-    void destroyAndRecreate(int id) {
-        removeFromModel(id);
-        items_[id] = makeItem(id);  // the old node's destructor unlinks it
-    }
-
-    void verify() const {
-        for (size_t r = 0; r < rings_.size(); ++r) {
-            LinkedList const* head = &heads_[r];
-            ASSERT_EQ(head->ref(), nullptr);
-            ASSERT_EQ(head->linked() != 0, !rings_[r].empty());
-            LinkedList const* n = head->next();
-            for (int id : rings_[r]) {
-                ASSERT_EQ(n, &items_[id]->node) << "ring " << r;
-                ASSERT_EQ(n->ref(), items_[id].get());
-                ASSERT_EQ(n->next()->prev(), n);
-                ASSERT_EQ(n->prev()->next(), n);
-                n = n->next();
-            }
-            ASSERT_EQ(n, head);
-            // Walking backwards gives the reverse order.
-            n = head->prev();
-            for (auto it = rings_[r].rbegin(); it != rings_[r].rend(); ++it) {
-                ASSERT_EQ(n, &items_[*it]->node);
-                n = n->prev();
-            }
-            ASSERT_EQ(n, head);
-        }
-        for (auto const& item : items_) {
-            if (!find(item->id)) {
-                ASSERT_FALSE(item->node.linked());
-                ASSERT_EQ(item->node.next(), &item->node);
-                ASSERT_EQ(item->node.prev(), &item->node);
-            }
-        }
-    }
-
-    int items() const { return int(items_.size()); }
-    int rings() const { return int(rings_.size()); }
-    bool isLinked(int id) const { return find(id).has_value(); }
-    void* refOf(int id) const { return items_[id]->node.ref(); }
-    Item* item(int id) const { return items_[id].get(); }
-
-  private:
-    std::vector<LinkedList> heads_;
-    std::vector<std::vector<int>> rings_;
-    std::vector<std::unique_ptr<Item>> items_;
-};
+constexpr int kHeads = 4, kNodes = 28;  // nodes 0 .. kHeads-1 are ring heads
 
 TEST(LinkedList, RandomOperationsKeepEveryRingConsistent) {
     for (unsigned seed = 1; seed <= 20; ++seed) {
         std::mt19937 rng(seed);
-        RingModel model(4, 24);
-        for (int step = 0; step < 3000; ++step) {
-            int id = int(rng() % model.items());
-            switch (rng() % 6) {
-                case 0:
-                case 1:
-                    model.linkBehindHead(id, int(rng() % model.rings()));
-                    break;
-                case 2:
-                case 3:
-                    model.linkBehindMember(id, int(rng() % model.items()));
-                    break;
-                case 4: {
-                    void* before = model.refOf(id);
-                    model.unlink(id);
-                    ASSERT_EQ(model.refOf(id), before) << "unlink must keep ref";
+        std::unique_ptr<LinkedList> node[kNodes];
+        for (auto& n : node)
+            n = std::make_unique<LinkedList>();
+        std::vector<int> ring[kHeads];  // the members behind each head, in order
+        uintptr_t ref[kNodes] = {};     // the ref each node must hold
+        // The ring and position of a member, or {-1, -1}.
+        auto where = [&](int id) {
+            for (int r = 0; r < kHeads; ++r)
+                if (auto it = std::find(ring[r].begin(), ring[r].end(), id); it != ring[r].end())
+                    return std::pair{r, int(it - ring[r].begin())};
+            return std::pair{-1, -1};
+        };
+        auto take = [&](int id) {
+            if (auto [r, at] = where(id); r >= 0) ring[r].erase(ring[r].begin() + at);
+        };
+        for (int step = 1; step <= 3000; ++step) {
+            int id = kHeads + int(rng() % (kNodes - kHeads)), anchor = int(rng() % kNodes);
+            switch (rng() % 3) {
+                case 0: {  // directly behind a head or a member, out of any former ring
+                    if (anchor == id || (anchor >= kHeads && where(anchor).first < 0)) break;
+                    node[id]->link(node[anchor].get(), reinterpret_cast<void*>(ref[id] = step));
+                    take(id);
+                    auto [r, at] = anchor < kHeads ? std::pair{anchor, -1} : where(anchor);
+                    ring[r].insert(ring[r].begin() + (at + 1), id);
                     break;
                 }
-                case 5:
-                    model.destroyAndRecreate(id);
+                case 1:  // the ref stays; an unlinked node is left alone; init clears it
+                    node[id]->unlink();
+                    take(id);
+                    if (rng() % 4 == 0) node[id]->init(), ref[id] = 0;
                     break;
+                default:  // the destructor unlinks
+                    node[id] = std::make_unique<LinkedList>();
+                    take(id);
+                    ref[id] = 0;
             }
-            ASSERT_NO_FATAL_FAILURE(model.verify()) << "seed " << seed << " step " << step;
+            SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step));
+            for (int h = 0; h < kHeads; ++h) {
+                LinkedList* n = node[h].get();
+                ASSERT_EQ(n->linked() != 0, !ring[h].empty());
+                for (int member : ring[h]) {
+                    ASSERT_EQ(n->next()->prev(), n);
+                    n = n->next();
+                    ASSERT_EQ(n, node[member].get()) << "ring " << h;
+                }
+                ASSERT_EQ(n->next(), node[h].get());
+                ASSERT_EQ(node[h]->prev(), n);
+            }
+            for (int i = 0; i < kNodes; ++i) {
+                LinkedList const* n = node[i].get();
+                ASSERT_EQ(n->ref(), reinterpret_cast<void*>(ref[i])) << i;
+                if (i >= kHeads && where(i).first < 0) {
+                    ASSERT_TRUE(!n->linked() && n->next() == n && n->prev() == n) << i;
+                }
+            }
         }
     }
-}
-
-TEST(LinkedList, NewNodesGoDirectlyBehindTheAnchor) {
-    LinkedList head;
-    Item a, b;
-    a.node.link(&head, &a);
-    b.node.link(&head, &b);
-    EXPECT_EQ(head.next(), &b.node);
-    EXPECT_EQ(b.node.next(), &a.node);
-    EXPECT_EQ(a.node.next(), &head);
-    // Re-linking a linked node takes it out of its old place first.
-    b.node.link(&a.node, &b);
-    EXPECT_EQ(head.next(), &a.node);
-    EXPECT_EQ(a.node.next(), &b.node);
-    EXPECT_EQ(b.node.next(), &head);
-    // init() forgets the ring without touching the neighbours; used only on
-    // nodes that are not in a ring.
-    LinkedList lone;
-    lone.init();
-    EXPECT_FALSE(lone.linked());
-    EXPECT_EQ(lone.ref(), nullptr);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// UTF-8 conversion of qkString: valid text against the C library's iconv,
-// broken text against a reference decoder built by enumerating every code
-// point's encoding, and the bounds the output must stay within.
+// Unicode conversion of qkString: wide text (broken units included) against
+// the C library's iconv, broken UTF-8 against a reference decoder of its own
+// making, the bounds the output must stay within, and the locale's multibyte
+// form.
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -8,13 +9,12 @@
 #include <cwchar>
 #include <random>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include <iconv.h>
 
+#include "StringTestSupport.h"
 #include "qkMemory.h"
-#include "qkString.h"
 
 namespace {
 
@@ -36,90 +36,83 @@ char32_t randomScalar(std::mt19937& rng) {
     for (;;) {
         // Mostly small values, where the encoding lengths change.
         char32_t c = rng() % 4 == 0 ? rng() % 0x110000 : rng() % (1u << (rng() % 17 + 1));
-        if (c != 0 && (c < 0xD800 || c > 0xDFFF)) return c;
+        if (c != 0 && c != 0xFFFD && (c < 0xD800 || c > 0xDFFF)) return c;
     }
 }
 
-TEST(qkStringUtf, RandomValidTextRoundTripsLikeIconv) {
+// Wide text against iconv. Random code points, and now and then a broken
+// unit: a lone surrogate, or in UTF-32 a value above U+10FFFF, which becomes
+// U+FFFD. The UTF-8 result then goes back to both wide forms.
+TEST(qkStringUtf, WideTextConvertsLikeIconv) {
     std::mt19937 rng(3);
     for (int round = 0; round < 3000; ++round) {
-        std::u32string cps;
-        int n = rng() % 40 + 1;
-        for (int i = 0; i < n; ++i)
-            cps += randomScalar(rng);
-
-        std::wstring w(cps.begin(), cps.end());
-        std::string want = iconvBytes("UTF-8", "UTF-32LE", cps.data(), cps.size() * 4);
-        qkString s;
+        std::u32string clean;   // the text with U+FFFD for each broken unit
+        std::wstring w;         // UTF-32, broken units included
+        std::u16string broken;  // the surrogates that stand for them in UTF-16
+        for (int n = rng() % 40 + 1; n > 0; --n) {
+            char32_t c = randomScalar(rng);
+            if (rng() % 8 == 0) {
+                // A trail right after a lone lead would make a pair: take a lead.
+                bool afterLead = !clean.empty() && clean.back() == 0xFFFD && broken.back() < 0xDC00;
+                broken += char16_t(0xD800 + rng() % (afterLead ? 0x400 : 0x800));
+                c = rng() % 2 ? broken.back() : 0x110000 + rng() % 0x1000;
+                w += wchar_t(c);
+                clean += 0xFFFD;
+                continue;
+            }
+            w += wchar_t(c);
+            clean += c;
+        }
+        std::string want = iconvBytes("UTF-8", "UTF-32LE", clean.data(), clean.size() * 4);
+        std::string bytes16 = iconvBytes("UTF-16LE", "UTF-32LE", clean.data(), clean.size() * 4);
+        std::u16string w16(reinterpret_cast<char16_t const*>(bytes16.data()), bytes16.size() / 2);
+        std::u16string withBroken = w16;
+        for (size_t i = 0, k = 0; i < withBroken.size(); ++i)
+            if (withBroken[i] == 0xFFFD) withBroken[i] = broken[k++];
+        qkString s, t;
         s.convertToUTF8FromUnicode(w.c_str());
-        ASSERT_EQ(std::string(s.sanitize(), s.length()), want);
-
-        std::string u16 = iconvBytes("UTF-16LE", "UTF-32LE", cps.data(), cps.size() * 4);
-        std::u16string w16(reinterpret_cast<char16_t const*>(u16.data()), u16.size() / 2);
-        qkString t;
-        t.convertToUTF8FromUnicode(w16.c_str());
-        ASSERT_EQ(std::string(t.sanitize(), t.length()), want);
-
+        t.convertToUTF8FromUnicode(withBroken.c_str());
+        ASSERT_EQ(text(s), want);
+        ASSERT_EQ(text(t), want);
         std::vector<wchar_t> back(s.length() + 1, L'#');
-        s.convertFromUTF8ToUnicode(back.data());
-        ASSERT_EQ(std::wstring(back.data()), w);
         std::vector<char16_t> back16(s.length() + 1, u'#');
+        s.convertFromUTF8ToUnicode(back.data());
         s.convertFromUTF8ToUnicode(back16.data());
+        ASSERT_TRUE(std::wstring(back.data()) == std::wstring(clean.begin(), clean.end()));
         ASSERT_EQ(std::u16string(back16.data()), w16);
     }
 }
 
-// ---- broken input ----------------------------------------------------------------
-
-// Every prefix of every code point's UTF-8 form, mapped to the code point
-// when the prefix is the whole form, else to -1. Built by plain arithmetic,
-// independently of the library's table of lead and continuation bytes.
-std::unordered_map<uint64_t, int64_t> const& utf8Prefixes() {
-    static std::unordered_map<uint64_t, int64_t> map = [] {
-        std::unordered_map<uint64_t, int64_t> m;
-        m.reserve(1300000);
-        for (uint32_t c = 0; c < 0x110000; ++c) {
-            if (c >= 0xD800 && c <= 0xDFFF) continue;
-            int len = c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
-            uint8_t b[4];
-            static const uint8_t leads[] = {0, 0, 0xC0, 0xE0, 0xF0};
-            for (int i = len - 1; i > 0; --i)
-                b[i] = 0x80 | ((c >> (6 * (len - 1 - i))) & 0x3F);
-            b[0] = len == 1 ? c : leads[len] | (c >> (6 * (len - 1)));
-            uint64_t key = 0;
-            for (int i = 0; i < len; ++i) {
-                key = (key << 8) | b[i];
-                uint64_t tagged = key | (uint64_t(i + 1) << 40);
-                if (i + 1 == len)
-                    m[tagged] = c;
-                else
-                    m.emplace(tagged, -1);
-            }
-        }
-        return m;
-    }();
-    return map;
-}
-
 // Decodes with one U+FFFD per maximal ill-formed subpart: at each position
-// take the longest run of bytes that begins some code point's form.
-std::u32string referenceDecode(std::string const& bytes) {
-    auto const& prefixes = utf8Prefixes();
+// the longest run of bytes that begins some code point's form. A run can be
+// such a beginning when the code points it could start (its bits followed
+// by any continuation bits) overlap those that a form of its lead's length
+// holds, and not only in the surrogates.
+std::u32string referenceDecode(std::string const& in) {
+    static uint32_t const lowest[] = {0, 0, 0x80, 0x800, 0x10000};
+    static uint32_t const highest[] = {0, 0x7F, 0x7FF, 0xFFFF, 0x10FFFF};
+    static uint8_t const leadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
     std::u32string out;
-    size_t i = 0;
-    while (i < bytes.size()) {
-        uint64_t key = 0;
-        int best = 0;
-        int64_t value = -1;
-        for (int k = 1; k <= 4 && i + k <= bytes.size(); ++k) {
-            key = (key << 8) | static_cast<uint8_t>(bytes[i + k - 1]);
-            auto it = prefixes.find(key | (uint64_t(k) << 40));
-            if (it == prefixes.end()) break;
-            best = k;
-            value = it->second;
+    for (size_t i = 0, best; i < in.size(); i += best) {
+        auto b = [&](size_t k) { return uint8_t(in[i + k]); };
+        int len = b(0) < 0x80   ? 1
+                  : b(0) < 0xC0 ? 0
+                  : b(0) < 0xE0 ? 2
+                  : b(0) < 0xF0 ? 3
+                  : b(0) < 0xF8 ? 4
+                                : 0;
+        uint32_t bits = b(0) & leadBits[len], cp = 0xFFFD;
+        best = 1;
+        for (int k = 1; len > 0 && k <= len && i + k <= in.size(); ++k) {
+            if (k > 1 && (b(k - 1) & 0xC0) != 0x80) break;
+            if (k > 1) bits = bits << 6 | (b(k - 1) & 0x3F);
+            int rest = 6 * (len - k);
+            uint32_t lo = bits << rest, hi = lo | ((1u << rest) - 1);
+            if (hi < lowest[len] || lo > highest[len] || (lo >= 0xD800 && hi <= 0xDFFF)) break;
+            best = size_t(k);
+            if (k == len) cp = lo;
         }
-        out += value >= 0 ? static_cast<char32_t>(value) : U'\xFFFD';
-        i += best ? best : 1;
+        out += cp;
     }
     return out;
 }
@@ -135,76 +128,30 @@ std::u32string decodeWithString(std::string const& bytes) {
 }
 
 TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
-    // The example the Unicode standard gives for maximal subparts.
-    std::string sample = "\x61\xF1\x80\x80\xE1\x80\xC2\x62\x80\x63\x80\xBF\x64";
-    EXPECT_EQ(decodeWithString(sample),
-              U"a\xFFFD\xFFFD\xFFFD"
-              U"b\xFFFD"
-              U"c\xFFFD\xFFFD"
-              U"d");
-    // Overlong forms, surrogates, values above U+10FFFF, truncated tails.
-    EXPECT_EQ(
-        decodeWithString("\xC0\xAF|\xE0\x80\xAF|\xED\xA0\x80|\xF4\x90\x80\x80|\xE2\x82"),
-        U"\xFFFD\xFFFD|\xFFFD\xFFFD\xFFFD|\xFFFD\xFFFD\xFFFD|\xFFFD\xFFFD\xFFFD\xFFFD|\xFFFD");
-
     std::mt19937 rng(5);
-    std::string const pieces[] = {"a",
-                                  "\xC3\xA9",
-                                  "\xE2\x82\xAC",
-                                  "\xF0\x9F\x98\x80",
-                                  "\xF4\x8F\xBF\xBF",
-                                  "\xED\x9F\xBF",
-                                  "\xEE\x80\x80"};
-    for (int round = 0; round < 20000; ++round) {
+    // Well-formed text up to the edges of the ranges; slices of it start and
+    // end inside forms.
+    std::string const valid =
+        "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF\xED\x9F\xBF\xEE\x80\x80\xDF\xBF";
+    // Where the ranges of lead and continuation bytes begin and end.
+    std::string const edges =
+        "\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xED\xEF\xF0\xF4\xF5\xF8\xFF";
+    for (int round = 0; round < 100000; ++round) {
         std::string bytes;
-        int n = rng() % 12 + 1;
-        for (int i = 0; i < n; ++i) {
-            if (rng() % 3) {
-                bytes += pieces[rng() % 7];
-            } else {
-                char b = static_cast<char>(rng() % 255 + 1);  // no zero: it ends the text
-                bytes += b;
-            }
-            if (rng() % 8 == 0 && !bytes.empty()) bytes.pop_back();  // cut a form short
+        for (int n = rng() % 12 + 1; n > 0; --n) {
+            if (int kind = rng() % 4; kind == 0)
+                bytes += static_cast<char>(rng() % 255 + 1);  // no zero: it ends the text
+            else if (kind == 1)
+                bytes += edges[rng() % edges.size()];
+            else
+                bytes += valid.substr(rng() % valid.size(), rng() % 5 + 1);
         }
         ASSERT_EQ(decodeWithString(bytes), referenceDecode(bytes)) << round;
     }
 }
 
-TEST(qkStringUtf, BrokenUtf16GivesReplacements) {
-    std::mt19937 rng(9);
-    char16_t const units[] = {u'a', 0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xD83D, 0xDE00, 0xFFFF, 0x7FF};
-    for (int round = 0; round < 20000; ++round) {
-        std::u16string in;
-        int n = rng() % 10 + 1;
-        for (int i = 0; i < n; ++i)
-            in += units[rng() % 9];
-        // Reference: a lead surrogate followed by a trail one is a pair,
-        // every other surrogate stands alone and is replaced.
-        std::u32string want;
-        for (size_t i = 0; i < in.size(); ++i) {
-            char32_t u = in[i];
-            bool lead = u >= 0xD800 && u <= 0xDBFF;
-            bool trail = u >= 0xDC00 && u <= 0xDFFF;
-            if (lead && i + 1 < in.size() && in[i + 1] >= 0xDC00 && in[i + 1] <= 0xDFFF) {
-                want += 0x10000 + ((u - 0xD800) << 10) + (in[i + 1] - 0xDC00);
-                ++i;
-            } else {
-                want += lead || trail ? U'\xFFFD' : u;
-            }
-        }
-        qkString s;
-        s.convertToUTF8FromUnicode(in.c_str());
-        ASSERT_EQ(decodeWithString(std::string(s.sanitize(), s.length())), want) << round;
-    }
-    // UTF-32 units that are no code points.
-    wchar_t const bad[] = {0x41, 0xD800, 0x110000, -1, 0x10FFFF, 0};
-    qkString s;
-    s.convertToUTF8FromUnicode(bad);
-    EXPECT_EQ(std::string(s.sanitize()), "A\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xF4\x8F\xBF\xBF");
-}
-
-TEST(qkStringUtf, NullAndEmptyInputsChangeNothing) {
+TEST(qkStringUtf, EdgesAndLocaleMultibyte) {
+    // A null or empty input changes nothing; a null string writes nothing.
     qkString s("keep"), null;
     s.convertToUTF8FromUnicode(static_cast<wchar_t const*>(nullptr));
     s.convertToUTF8FromUnicode(u"");
@@ -213,9 +160,7 @@ TEST(qkStringUtf, NullAndEmptyInputsChangeNothing) {
     null.convertFromUTF8ToUnicode(out);
     EXPECT_TRUE(out[0] == L'#' && null.size() == 0);
     EXPECT_EQ(qkString::convertToLPSTR(nullptr), nullptr);
-}
-
-TEST(qkStringUtf, ToLocaleMultibyte) {
+    // The C locale cannot express the accented letters: "?".
     std::setlocale(LC_ALL, "C");
     char* c = qkString::convertToLPSTR(L"abc\u00E9\u20AC!");
     EXPECT_STREQ(c,
@@ -224,12 +169,11 @@ TEST(qkStringUtf, ToLocaleMultibyte) {
     qkFree(c, "test", __LINE__);
     if (!std::setlocale(LC_ALL, "C.UTF-8")) GTEST_SKIP() << "no C.UTF-8 locale";
     // wcslen + 1 bytes: the UTF-8 form is cut at a character boundary.
-    char* u = qkString::convertToLPSTR(L"ab\u00E9\u20AC");
-    EXPECT_STREQ(u, "ab\xC3\xA9");
-    qkFree(u, "test", __LINE__);
-    char* v = qkString::convertToLPSTR(L"\U0001F600xyzw");  // 4 bytes, then room for 1
-    EXPECT_STREQ(v, "\xF0\x9F\x98\x80x");
-    qkFree(v, "test", __LINE__);
+    for (wchar_t const* w : {L"ab\u20AC", L"\U0001F600xyzw"}) {
+        char* u = qkString::convertToLPSTR(w);
+        EXPECT_EQ(std::string(u), w[0] == L'a' ? "ab" : "\xF0\x9F\x98\x80x");
+        qkFree(u, "test", __LINE__);
+    }
     std::setlocale(LC_ALL, "C");
 }
 
