@@ -29,10 +29,20 @@ bool crosses(unsigned long long limit, long long old, long long now) {
            static_cast<unsigned long long>(now) > limit;
 }
 
-// A new limit near the current value of a summary, or none.
+// A new limit: none, exactly the summary's value or a superblock above it
+// (the edges of the rule), or near it.
 unsigned long long nearLimit(std::mt19937& rng, long long bytes) {
     long long limit = bytes + static_cast<long long>(rng() % 60000) - 20000;
-    return rng() % 5 == 0 ? 0 : limit < 1 ? 1 : static_cast<unsigned long long>(limit);
+    switch (rng() % 6) {
+        case 0:
+            return 0;
+        case 1:
+            return bytes;
+        case 2:
+            return bytes + 16384;
+        default:
+            return limit < 1 ? 1 : static_cast<unsigned long long>(limit);
+    }
 }
 
 TEST(qkMemoryLimits, CrossingsHighwaterAndTheAdvisoryQueryFollowTheStatistics) {
