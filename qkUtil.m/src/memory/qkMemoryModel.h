@@ -56,7 +56,8 @@ inline size_t randomSize(std::mt19937& rng) {
 
 // The calling thread's heap under one request of every size from 0 to 513
 // and then `steps` random allocations (plain, cleared, copies of a text),
-// releases, resizes, duplicate releases and releases of C runtime blocks.
+// releases (some by another thread), resizes, duplicate releases and
+// releases of C runtime blocks.
 // Every block carries a pattern; the model knows each block's usable size,
 // whether a resize may move it, and the large blocks the thread is charged
 // with.
@@ -85,8 +86,19 @@ inline void runModel(uint32_t seed, int steps) {
             ASSERT_LE(p + usable, std::next(it)->first - header);
         }
     };
-    auto checkCharges = [&] {  // the thread's charge for large blocks is their size
-        long long large = 0, count = 0;
+    // The thread's charge for large blocks is their size; those released by
+    // another thread stay charged to it.
+    long long remoteBytes = 0, remoteCount = 0;
+    std::vector<void*> remote;
+    auto releaseRemote = [&] {
+        onThread([&] {
+            for (void* p : remote)
+                qkFree(p, "remote", 0);
+        });
+        remote.clear();
+    };
+    auto checkCharges = [&] {
+        long long large = remoteBytes, count = remoteCount;
         for (auto& [p, block] : live) {
             if (block.usable > 512) large += static_cast<long long>(block.usable), ++count;
         }
@@ -147,6 +159,13 @@ inline void runModel(uint32_t seed, int steps) {
                 add(q, size, was.usable >= size ? was.usable : usableSize(size));
                 continue;
             }
+            if (op >= 65 && op < 70) {  // released by another thread, twenty at a time
+                remoteBytes += was.usable > 512 ? static_cast<long long>(was.usable) : 0;
+                remoteCount += was.usable > 512;
+                remote.push_back(p);
+                if (remote.size() == 20) releaseRemote();
+                continue;
+            }
             qkFree(p, "model", step);
             if (op >= 92 && was.usable <= 512) {  // a second release is only reported
                 uint64_t tag = (uint64_t{rng()} << 32) | rng();
@@ -158,6 +177,7 @@ inline void runModel(uint32_t seed, int steps) {
             }
         }
     }
+    releaseRemote();
     checkCharges();
     for (auto& [p, block] : live) {
         EXPECT_TRUE(intact(p, block.size, block.seed));

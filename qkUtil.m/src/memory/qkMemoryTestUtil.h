@@ -89,7 +89,8 @@ inline void checkList(LinkedList const& head, MEMORY_THREAD* owner, long long* h
 }
 
 // Checks that a quiescent heap (with null: the keep pool) holds sound
-// superblocks, exactly as many per bucket as its statistics count.
+// superblocks, exactly as many per bucket as its statistics count: those on
+// its bucket and full lists, and those on its reclaim lists alone.
 inline void checkHeap(MEMORY_THREAD* mt) {
     qkMemory* m = mgr();
     long long held[kBucketLimit] = {}, total = 0;
@@ -97,6 +98,11 @@ inline void checkHeap(MEMORY_THREAD* mt) {
     if (mt) checkList(mt->full, mt, held);
     for (int b = 0; b < kBucketLimit; ++b) {
         checkList(mt ? mt->partial[b] : m->keep[b], mt, held);
+        for (LinkedList* n = mt ? mt->reclaim[b].next() : nullptr; n && n->ref(); n = n->next()) {
+            auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+            EXPECT_EQ(sb->thread.load(), mt);
+            held[b] += !sb->link.linked();  // adopted by releasing into it: only here
+        }
         EXPECT_EQ(stats[b].count, held[b]) << "bucket " << b;
         EXPECT_EQ(stats[b].bytes, 16384 * held[b]) << "bucket " << b;
         total += stats[b].bytes;
