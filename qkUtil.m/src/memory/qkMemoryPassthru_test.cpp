@@ -109,7 +109,7 @@ TEST(qkMemoryPassthru, DebugSlotsWidenEveryBlock) {
     mgr()->debugHeaderSize = 32;
     onThread([] {
         checkLayout();
-        if (!HasFatalFailure()) runModel(777, 40000);
+        if (!HasFatalFailure()) runModel(777, 20000);
     });
 }
 
