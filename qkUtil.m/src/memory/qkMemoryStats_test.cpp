@@ -1,7 +1,11 @@
-// Accounting and limits as a host sees them: crossings reported once per
-// upward crossing, in the order and on the paths the manager promises, the
-// warning line and its recursion guard, and the advisory queries.
+// Accounting and limits as a host sees them. A random run of requests under
+// changing limits is checked against the crossing rule applied to the
+// statistics seen before and after each request: which reports come, in which
+// order on which path, with which text; the high-water marks and the advisory
+// query follow the same statistics. Then the warning line itself.
 #include <cstdio>
+#include <cstring>
+#include <random>
 
 #include "memory/qkMemoryTestUtil.h"
 
@@ -9,119 +13,123 @@ namespace {
 
 using namespace qktest;
 
-// Warnings and handler calls in the order they came. Kept in fixed storage:
-// the journal must not allocate, or it would change the statistics it watches.
-struct Journal {
-    char lines[32][128];
-    size_t used = 0;
-    void add(char const* text) {
-        if (used < 32) std::snprintf(lines[used++], sizeof lines[0], "%s", text);
+// Warnings and handler calls in the order they came, and what was expected.
+// Reserved before the run: they must not allocate, or they would change the
+// statistics they watch.
+std::string journal, want;
+
+void journalHandler(qkMemoryErrorId id) {
+    journal += id == QK_MEMORY_SYSTEM_LIMIT ? "handler system\n" : "handler thread\n";
+}
+
+// A limit is crossed by a charge that takes the summary from above 0 and at
+// most the limit to above it.
+bool crosses(unsigned long long limit, long long old, long long now) {
+    return limit != 0 && old >= 1 && static_cast<unsigned long long>(old) <= limit && now >= 1 &&
+           static_cast<unsigned long long>(now) > limit;
+}
+
+// A new limit: none, exactly the summary's value or a superblock above it
+// (the edges of the rule), or near it.
+unsigned long long nearLimit(std::mt19937& rng, long long bytes) {
+    long long limit = bytes + static_cast<long long>(rng() % 60000) - 20000;
+    switch (rng() % 6) {
+        case 0:
+            return 0;
+        case 1:
+            return bytes;
+        case 2:
+            return bytes + 16384;
+        default:
+            return limit < 1 ? 1 : static_cast<unsigned long long>(limit);
     }
-    size_t size() const { return used; }
-    bool empty() const { return used == 0; }
-    void clear() { used = 0; }
-    std::string operator[](size_t i) const { return lines[i]; }
-};
-
-Journal* journal = nullptr;
-int handlerCalls = 0;
-
-void recordHandler(qkMemoryErrorId id) {
-    ++handlerCalls;
-    if (journal) journal->add(id == QK_MEMORY_SYSTEM_LIMIT ? "handler system" : "handler thread");
 }
 
-void journalPrint(char const* text) {
-    if (journal) journal->add(text);
-}
-
-bool startsWith(std::string const& line, char const* message) {
-    return line.rfind(message, 0) == 0;
-}
-
-// Takes a new superblock in bucket `b` on the calling thread and returns its
-// first block; the bucket must have no superblock on this thread or in the pool.
-void* newSuperblock(int b) {
-    long long before = mgr()->systemStats[b].count;
-    void* p = qkMalloc(32 * (b + 1), "sb", b);
-    EXPECT_EQ(mgr()->systemStats[b].count, before + 1) << "bucket " << b;
-    return p;
-}
-
-TEST(qkMemoryLimits, SystemLimitIsReportedOncePerUpwardCrossing) {
-    Journal seen;
-    journal = &seen;
-    qkMemory::setPrintFunction(journalPrint);
-    qkMemory::_memoryErrorHandler = recordHandler;
-    std::thread([&] {
-        long long base = qkMemory::loadStats(qkMemory::getSystemStats()).bytes;
-        qkMemory::setSystemLimit(base + 2 * 16384);
-        newSuperblock(12);
-        newSuperblock(13);
-        EXPECT_TRUE(seen.empty());  // reaching the limit is not crossing it
-        newSuperblock(14);
-        ASSERT_EQ(seen.size(), 2u);
-        EXPECT_TRUE(startsWith(seen[0], "system memory limit exceeded (0x")) << seen[0];
-        EXPECT_EQ(seen[1], "handler system");  // the block is made, then the handler hears
-        newSuperblock(15);
-        EXPECT_EQ(seen.size(), 2u);  // already above: no new report
-
-        // Down below the limit and up again: a new crossing each time. On the
-        // large path the handler hears first, then the warning follows.
-        qkMemory::setSystemLimit(qkMemory::loadStats(qkMemory::getSystemStats()).bytes + 10000);
-        seen.clear();
-        for (int round = 0; round < 3; ++round) {
-            void* big = qkMalloc(20000, "big", round);
-            qkFree(big, "big", round);
+TEST(qkMemoryLimits, CrossingsHighwaterAndTheAdvisoryQueryFollowTheStatistics) {
+    journal.reserve(4096);
+    want.reserve(4096);
+    qkMemory::setPrintFunction([](char const* text) { journal += text; });
+    onFreshThread([] {
+        MEMORY_STATS& system = mgr()->summarySystemStats;
+        MEMORY_STATS& thread = qkMemoryThread()->summaryStats;
+        std::mt19937 rng(2024);
+        std::vector<std::pair<void*, size_t>> live;
+        live.reserve(10000);          // no allocation of the test's own during the run
+        qkMemory::setThreadLimit(1);  // a charge from 0 is never a crossing
+        qkMemory::setSystemHighwater();
+        long long systemPeak = system.bytes, threadPeak = thread.bytes;
+        int crossed[2] = {};  // on the small and the large path
+        for (int step = 0; step < 10000 && !HasFailure(); ++step) {
+            unsigned op = rng() % 100;
+            journal.clear();
+            if (op < 8) {
+                qkMemory::setSystemLimit(nearLimit(rng, system.bytes));
+                qkMemory::setThreadLimit(nearLimit(rng, thread.bytes));
+                qkMemory::_memoryErrorHandler = rng() % 2 ? journalHandler : nullptr;
+            } else if (op < 10) {
+                qkMemory::setSystemHighwater();
+                systemPeak = system.bytes, threadPeak = thread.bytes;
+            } else if (op < 45 && !live.empty()) {
+                size_t i = rng() % live.size();
+                qkFree(live[i].first, "free", step);
+                live[i] = live.back();
+                live.pop_back();
+                EXPECT_EQ(journal, "") << "a release reported a crossing";
+            } else {
+                // A small request of the buckets with the fewest blocks (so that
+                // superblocks are often taken from the system or the keep pool),
+                // a large one, or the growth of a large one.
+                bool grow = op < 60 && !live.empty() && live.back().second > 512;
+                size_t size = grow      ? live.back().second + 1 + rng() % 30000
+                              : op < 88 ? 384 + rng() % 129
+                                        : 513 + rng() % 6000;
+                uint64_t caller = uint64_t{rng()} << 32 | rng();
+                char const* tag = reinterpret_cast<char const*>(caller);
+                unsigned long long systemLimit = qkMemory::getSystemLimit();
+                unsigned long long threadLimit = qkMemory::getThreadLimit();
+                long long systemOld = system.bytes, threadOld = thread.bytes;
+                void* p = grow ? qkRealloc(live.back().first, size, tag, step)
+                               : qkMalloc(size, tag, step);
+                bool s = crosses(systemLimit, systemOld, system.bytes);
+                bool t = crosses(threadLimit, threadOld, thread.bytes);
+                bool handler = qkMemory::_memoryErrorHandler != nullptr;
+                crossed[size > 512] += s || t;
+                auto warning = [&](char const* which) {
+                    char line[128];
+                    std::snprintf(line, sizeof line, "%s memory limit exceeded (0x%x:%d)\n", which,
+                                  static_cast<unsigned>(caller), step);
+                    want += line;
+                };
+                want.clear();
+                if (size <= 512) {  // warned always, then the handler hears
+                    if (s) warning("system");
+                    if (t) warning("thread");
+                    if (s && handler) want += "handler system\n";
+                    if (t && handler) want += "handler thread\n";
+                } else if (handler) {  // the handler hears, then the warning
+                    if (s) want += "handler system\n", warning("system");
+                    if (t) want += "handler thread\n", warning("thread");
+                }
+                EXPECT_EQ(journal, want) << "step " << step;
+                if (grow) live.pop_back();
+                live.emplace_back(p, size);
+            }
+            systemPeak = std::max(systemPeak, system.bytes);
+            threadPeak = std::max(threadPeak, thread.bytes);
+            EXPECT_EQ(system.highwater, systemPeak) << "step " << step;
+            EXPECT_EQ(thread.highwater, threadPeak) << "step " << step;
+            int size = static_cast<int>(rng() % 2000), count = static_cast<int>(rng() % 4);
+            long long need = (size + 16) * count, sl = qkMemory::getSystemLimit(),
+                      tl = qkMemory::getThreadLimit();
+            bool reached = (sl && system.bytes >= 1 && system.bytes + need > sl) ||
+                           (tl && thread.bytes >= 1 && thread.bytes + need > tl);
+            EXPECT_EQ(qkMemory::systemLimitReached(size, count), reached) << "step " << step;
         }
-        ASSERT_EQ(seen.size(), 6u);
-        for (int round = 0; round < 3; ++round) {
-            EXPECT_EQ(seen[2 * round], "handler system");
-            EXPECT_TRUE(startsWith(seen[2 * round + 1], "system memory limit exceeded (0x"));
-        }
-        void* big = qkMalloc(20000, "big", 3);
-        void* bigger = qkMalloc(20000, "big", 4);  // still above: no report
-        EXPECT_EQ(seen.size(), 8u);
-        qkFree(big, "big", 5);
-        qkFree(bigger, "big", 6);
-    }).join();
-    journal = nullptr;
-}
-
-TEST(qkMemoryLimits, ThreadLimitOnTheSmallAndTheLargePath) {
-    Journal seen;
-    journal = &seen;
-    qkMemory::setPrintFunction(journalPrint);
-    std::thread([&] {
-        qkMemory::setThreadLimit(2 * 16384);
-        newSuperblock(13);  // from 0: never a crossing, whatever the limit
-        newSuperblock(14);
-        EXPECT_TRUE(seen.empty());
-        newSuperblock(15);
-        ASSERT_EQ(seen.size(), 1u);  // small path: warned even without a handler
-        EXPECT_TRUE(startsWith(seen[0], "thread memory limit exceeded (0x"));
-        EXPECT_TRUE(seen[0].find(":15)\n") != std::string::npos) << seen[0];
-        EXPECT_EQ(handlerCalls, 0);
-
-        // Large path: only with a handler, handler first.
-        qkMemory::setThreadLimit(qkMemory::loadStats(qkMemory::getThreadStats()).bytes + 50000);
-        void* big = qkMalloc(60000, "large", 1);
-        EXPECT_EQ(seen.size(), 1u);
-        qkFree(big, "large", 2);
-        qkMemory::_memoryErrorHandler = recordHandler;
-        big = qkMalloc(60000, "large", 3);
-        ASSERT_EQ(seen.size(), 3u);
-        EXPECT_EQ(seen[1], "handler thread");
-        EXPECT_TRUE(startsWith(seen[2], "thread memory limit exceeded (0x"));
-        // Growing a large block charges the growth the same way.
-        qkFree(big, "large", 4);
-        big = qkMalloc(40000, "large", 5);
-        big = qkRealloc(big, 60000, "large", 6);
-        EXPECT_EQ(seen.size(), 5u);
-        EXPECT_EQ(handlerCalls, 2);
-        qkFree(big, "large", 7);
-    }).join();
-    journal = nullptr;
+        for (auto& [p, size] : live)
+            qkFree(p, "free", 0);
+        EXPECT_GE(crossed[0], 10);
+        EXPECT_GE(crossed[1], 10);
+    });
 }
 
 // A print function that warns itself: the inner warning is dropped, and the
@@ -132,14 +140,17 @@ void reentrantPrint(char const* text) {
     qkMemory::warn("inner", "x", 1);
 }
 
-TEST(qkMemoryWarn, FormatsTheLineAndDropsWarningsFromInsideThePrintFunction) {
+TEST(qkMemoryWarn, TheLineIsCutToItsBufferAndAWarningFromThePrintFunctionIsDropped) {
+    testing::internal::CaptureStdout();  // without a print function: standard output
+    qkMemory::warn("plain", reinterpret_cast<char const*>(0xABCDEF0123456789ULL), -3);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "plain (0x23456789:-3)\n");
     qkMemory::setPrintFunction(reentrantPrint);
     EXPECT_EQ(qkMemory::getPrintFunction(), reentrantPrint);
-    qkMemory::warn("outer", reinterpret_cast<char const*>(0xABCDEF0123456789ULL), 0);
-    qkMemory::warn(std::string(2000, 'm').c_str(), nullptr, -5);
+    qkMemory::warn(std::string(2000, 'm').c_str(), nullptr, 0);
+    qkMemory::warn("outer", "y", 2);
     ASSERT_EQ(printed.size(), 2u);
-    EXPECT_EQ(printed[0], "outer (0x23456789:0)\n");
-    EXPECT_EQ(printed[1].size(), 1023u);  // cut to the 1024-byte buffer
+    EXPECT_EQ(printed[0], std::string(1023, 'm'));
+    EXPECT_EQ(printed[1].substr(0, 6), "outer ");
 }
 
 }  // namespace

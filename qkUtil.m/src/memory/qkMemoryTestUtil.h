@@ -1,15 +1,13 @@
 // Helpers shared by the memory manager's tests: running code on a fresh
-// thread, capturing warnings, and an independent check of a heap's lists
-// against its statistics.
+// thread, capturing warnings, patterned blocks, and an independent check of
+// heaps and the keep pool against their statistics.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "memory/qkMemoryInternal.h"
 
@@ -17,22 +15,15 @@ namespace qktest {
 
 using namespace qk::memory;
 
-// Warnings printed since the last take(); installed as the print function.
+// Warnings printed since the last take(). Warnings are printed one at a time
+// (under the manager's print lock); take() is called while none is printed.
 struct Warnings {
-    static inline std::mutex lock;
-    static inline std::vector<std::string> lines;
-    static void print(char const* text) {
-        std::lock_guard<std::mutex> hold(lock);
-        lines.push_back(text);
-    }
+    static inline std::string text;
     static void install() {
-        take();
-        qkMemory::setPrintFunction(print);
+        text.clear();
+        qkMemory::setPrintFunction([](char const* line) { text += line; });
     }
-    static std::vector<std::string> take() {
-        std::lock_guard<std::mutex> hold(lock);
-        return std::exchange(lines, {});
-    }
+    static std::string take() { return std::exchange(text, {}); }
 };
 
 inline qkMemory* mgr() {
@@ -45,15 +36,31 @@ void onThread(F body) {
     std::thread(body).join();
 }
 
+// The same, on a thread that gets an empty heap (no dead heap is left to adopt).
+template <class F>
+void onFreshThread(F body) {
+    qkMemoryInternals::dismantleDead(mgr());
+    onThread(body);
+}
+
 inline MEMORY_SUPERBLOCK* superblockOf(void* p) {
     return qkMemoryInternals::headerOf(mgr(), p)->owner;
 }
 
-inline int listLength(LinkedList const& head) {
-    int n = 0;
-    for (LinkedList* node = head.next(); node->ref(); node = node->next())
-        ++n;
-    return n;
+// Writes a pattern derived from `seed`, or with `check` tells whether it is
+// still there; a block overwritten by a neighbour, handed out twice or copied
+// short is noticed.
+inline bool stamp(void* p, size_t size, uint32_t seed, bool check = false) {
+    unsigned char* bytes = static_cast<unsigned char*>(p);
+    for (size_t i = 0; i < size; ++i) {
+        unsigned char want = static_cast<unsigned char>(seed + i * 131);
+        if (check && bytes[i] != want) return false;
+        bytes[i] = want;
+    }
+    return true;
+}
+inline bool intact(void* p, size_t size, uint32_t seed) {
+    return stamp(p, size, seed, true);
 }
 
 inline int chainLength(MEMORY_HEADER* h) {
@@ -63,71 +70,45 @@ inline int chainLength(MEMORY_HEADER* h) {
     return n;
 }
 
-// Superblocks of bucket b owned by `mt` (bucket list and full list).
-inline int ownedSuperblocks(MEMORY_THREAD* mt, int b) {
-    int n = 0;
-    for (LinkedList const* head : {&mt->partial[b], &mt->full}) {
-        for (LinkedList* node = head->next(); node->ref(); node = node->next())
-            n += static_cast<MEMORY_SUPERBLOCK*>(node->ref())->bucket == b;
-    }
-    return n;
-}
-
-// Checks one superblock's own bookkeeping: list lengths against the counts,
-// tags of the free blocks.
-inline void checkSuperblock(MEMORY_SUPERBLOCK* sb) {
-    int freeBlocks = chainLength(sb->free);
-    EXPECT_EQ(chainLength(sb->pending), sb->freeCount.load());
-    EXPECT_EQ(freeBlocks + sb->allocCount, sb->blockCount);
-    EXPECT_LE(sb->freeCount.load(), sb->allocCount);
-    for (MEMORY_HEADER* h = sb->free; h; h = h->next)
-        ASSERT_EQ(h->tag, TAG_SMALL_FREE);
-    for (MEMORY_HEADER* h = sb->pending; h; h = h->next)
-        ASSERT_EQ(h->tag, TAG_SMALL_FREE);
-}
-
-// Checks a quiescent heap: every listed superblock is owned by it and sound,
-// and its statistics count exactly the superblocks it holds.
-inline void checkHeap(MEMORY_THREAD* mt) {
-    long long total = 0;
-    for (int b = 0; b < kBucketLimit; ++b) {
-        for (LinkedList* n = mt->partial[b].next(); n->ref(); n = n->next()) {
-            auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
-            EXPECT_EQ(sb->bucket, b);
-            EXPECT_EQ(sb->thread.load(), mt);
-            checkSuperblock(sb);
-        }
-        int owned = ownedSuperblocks(mt, b);
-        EXPECT_EQ(mt->stats[b].count, owned) << "bucket " << b;
-        EXPECT_EQ(mt->stats[b].bytes, 16384LL * owned) << "bucket " << b;
-        total += mt->stats[b].bytes;
-    }
-    for (LinkedList* n = mt->full.next(); n->ref(); n = n->next()) {
+// Checks the superblocks of one list: their owner and their own bookkeeping
+// (list lengths against the counts, tags of the free blocks); counts them by
+// bucket into `held`.
+inline void checkList(LinkedList const& head, MEMORY_THREAD* owner, long long* held) {
+    for (LinkedList* n = head.next(); n->ref(); n = n->next()) {
         auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
-        EXPECT_EQ(sb->thread.load(), mt);
-        checkSuperblock(sb);
+        EXPECT_EQ(sb->thread.load(), owner);
+        EXPECT_EQ(chainLength(sb->pending), sb->freeCount.load());
+        EXPECT_EQ(chainLength(sb->free) + sb->allocCount, sb->blockCount);
+        EXPECT_LE(sb->freeCount.load(), sb->allocCount);
+        for (MEMORY_HEADER* list : {sb->free, sb->pending}) {
+            for (MEMORY_HEADER* h = list; h; h = h->next)
+                ASSERT_EQ(h->tag, TAG_SMALL_FREE);
+        }
+        ++held[sb->bucket];
     }
-    EXPECT_EQ(mt->summaryStats.bytes, total + mt->stats[kLargeIndex].bytes);
 }
 
-// Checks the keep pool of every bucket against its statistics.
-inline void checkKeepPool() {
+// Checks that a quiescent heap (with null: the keep pool) holds sound
+// superblocks, exactly as many per bucket as its statistics count: those on
+// its bucket and full lists, and those on its reclaim lists alone.
+inline void checkHeap(MEMORY_THREAD* mt) {
     qkMemory* m = mgr();
-    long long total = 0;
+    long long held[kBucketLimit] = {}, total = 0;
+    MEMORY_STATS* stats = mt ? mt->stats : m->keepStats;
+    if (mt) checkList(mt->full, mt, held);
     for (int b = 0; b < kBucketLimit; ++b) {
-        int kept = 0;
-        for (LinkedList* n = m->keep[b].next(); n->ref(); n = n->next()) {
+        checkList(mt ? mt->partial[b] : m->keep[b], mt, held);
+        for (LinkedList* n = mt ? mt->reclaim[b].next() : nullptr; n && n->ref(); n = n->next()) {
             auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
-            EXPECT_EQ(sb->bucket, b);
-            EXPECT_EQ(sb->thread.load(), nullptr);
-            EXPECT_FALSE(sb->reclaim.linked());
-            checkSuperblock(sb);
-            ++kept;
+            EXPECT_EQ(sb->thread.load(), mt);
+            held[b] += !sb->link.linked();  // adopted by releasing into it: only here
         }
-        EXPECT_EQ(m->keepStats[b].count, kept) << "bucket " << b;
-        total += m->keepStats[b].bytes;
+        EXPECT_EQ(stats[b].count, held[b]) << "bucket " << b;
+        EXPECT_EQ(stats[b].bytes, 16384 * held[b]) << "bucket " << b;
+        total += stats[b].bytes;
     }
-    EXPECT_EQ(m->summaryKeepStats.bytes, total);
+    if (mt) total += stats[kLargeIndex].bytes;
+    EXPECT_EQ((mt ? mt->summaryStats : m->summaryKeepStats).bytes, total);
 }
 
 }  // namespace qktest

@@ -1,5 +1,5 @@
 // qkThreadState and the thread services: per-thread slots, the life of a
-// state's active flag across its thread's end, and thread creation.
+// state's active flag across its thread's end, thread creation and ids.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/wait.h>
@@ -15,126 +15,86 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Polls until `flag` is set; false after ~10 s.
-bool waitFor(std::atomic<int>& flag) {
-    for (int i = 0; i < 10000 && !flag; ++i)
-        std::this_thread::sleep_for(1ms);
-    return flag != 0;
-}
-
-// Polls until `state` reports its thread ended; false after ~10 s.
-bool waitInactive(qkThreadState* state) {
-    for (int i = 0; i < 10000; ++i) {
-        if (!qkThread::active(state)) return true;
-        std::this_thread::sleep_for(1ms);
-    }
-    return false;
-}
-
-TEST(qkThread, DefaultKeyIsMadeOnFirstUseAndSlotsArePerThread) {
+// The default key is made on first use; slots are per thread. States bound
+// to a thread are active while it runs, turn inactive once it has ended and
+// stay so, a copy with them; a state never bound keeps its flag, which a host
+// may clear through the exit hook.
+TEST(qkThread, StatesArePerThreadAndFollowTheirThreadsLife) {
     EXPECT_EQ(qkThread::getInfo(-1), nullptr);
     EXPECT_NE(qkThread::_defaultInfoKey, -1);
     int key = qkThread::createInfoKey();
-    ASSERT_GE(key, 0);
     EXPECT_NE(key, qkThread::_defaultInfoKey);
-
-    qkThreadState mine, other;
+    qkThreadState mine, state, second, unbound;
     qkThread::setInfo(key, &mine);
-    qkThread::setInfo(&other);
-    EXPECT_EQ(qkThread::getInfo(key), &mine);
-    EXPECT_EQ(qkThread::getInfo(), &other);
-    std::thread([&] {
-        EXPECT_EQ(qkThread::getInfo(key), nullptr);
-        EXPECT_EQ(qkThread::getInfo(), nullptr);
-        qkThreadState theirs;
-        qkThread::setInfo(key, &theirs);
-        EXPECT_EQ(qkThread::getInfo(key), &theirs);
-        qkThread::setInfo(key, nullptr);
-    }).join();
-    EXPECT_EQ(qkThread::getInfo(key), &mine);
-    EXPECT_EQ(qkThread::active(&mine), 1);
-    qkThread::setInfo(key, nullptr);
-    qkThread::setInfo(nullptr);
-}
-
-TEST(qkThread, ActiveTurnsZeroWhenTheThreadEndsAndStaysZero) {
-    qkThreadState state;
-    EXPECT_EQ(qkThread::active(&state), 0);  // never bound: keeps its flag
     std::atomic<bool> bound{false}, finish{false};
     std::thread worker([&] {
+        EXPECT_EQ(qkThread::getInfo(key), nullptr);
+        qkThread::setInfo(key, &second);
         qkThread::setInfo(&state);
+        EXPECT_EQ(qkThread::getInfo(key), &second);
+        EXPECT_EQ(qkThread::getInfo(), &state);
         bound = true;
         while (!finish)
             std::this_thread::sleep_for(1ms);
     });
     while (!bound)
         std::this_thread::yield();
+    EXPECT_EQ(qkThread::getInfo(key), &mine);
+    EXPECT_EQ(qkThread::getInfo(), nullptr);
     EXPECT_EQ(qkThread::active(&state), 1);
-    qkThreadState copy = state;  // a copy follows the same thread
-    EXPECT_EQ(qkThread::active(&copy), 1);
+    qkThreadState copy = state;
     finish = true;
     worker.join();  // the thread, its exit hook included, is over
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(qkThread::active(&state), 0);
+        EXPECT_EQ(qkThread::active(&second), 0);
         EXPECT_EQ(qkThread::active(&copy), 0);
     }
-    // Binding the state again to a live thread makes it active again.
-    qkThread::setInfo(&state);
+    qkThread::setInfo(&state);  // bound again, to a live thread
     EXPECT_EQ(qkThread::active(&state), 1);
     qkThread::setInfo(nullptr);
-}
-
-TEST(qkThread, ExitHookMarksAStateInactive) {
-    qkThreadState state;
-    state.active = 1;
+    qkThread::setInfo(key, nullptr);
+    EXPECT_EQ(qkThread::active(&unbound), 0);
+    unbound.active = 1;
     qkThread::exitHook(nullptr);  // ignored
-    qkThread::exitHook(&state);
-    EXPECT_EQ(qkThread::active(&state), 0);
+    EXPECT_EQ(qkThread::active(&unbound), 1);
+    qkThread::exitHook(&unbound);
+    EXPECT_EQ(qkThread::active(&unbound), 0);
 }
 
-struct CreateProbe {
-    qkThreadState state;
-    std::atomic<size_t> stackSize{0};
-    std::atomic<int> ran{0};
-    std::atomic<void*> id{nullptr};
-};
-
-int probeRoutine(void* arg) {
-    auto* probe = static_cast<CreateProbe*>(arg);
-    qkThread::setInfo(&probe->state);
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+// Threads made with and without a stack size run their routine, are seen to
+// end, and have ids of their own.
+TEST(qkThread, CreatedThreadsRunWithTheAskedStackAndTheirEndIsSeen) {
+    static struct Probe {
+        qkThreadState state;
+        std::atomic<size_t> stack{0};
+        std::atomic<void*> id{nullptr};
+    } probes[16];
+    auto routine = [](void* arg) {
+        auto* probe = static_cast<Probe*>(arg);
+        qkThread::setInfo(&probe->state);
+        pthread_attr_t attr;
         size_t size = 0;
+        pthread_getattr_np(pthread_self(), &attr);
         pthread_attr_getstacksize(&attr, &size);
-        probe->stackSize = size;
         pthread_attr_destroy(&attr);
+        probe->stack = size;
+        probe->id = qkThread::id();  // last: the probe is complete
+        return 0;
+    };
+    for (int i = 0; i < 16; ++i)
+        ASSERT_EQ(qkThread::create(routine, &probes[i], i % 2 ? 1 << 20 : 0), 1);
+    for (int i = 0; i < 16; ++i) {
+        bool ended = false;
+        for (int wait = 0; wait < 10000 && !ended; ++wait) {
+            ended = probes[i].id && !qkThread::active(&probes[i].state);
+            if (!ended) std::this_thread::sleep_for(1ms);
+        }
+        ASSERT_TRUE(ended) << "thread " << i << " never ran or never ended";
+        EXPECT_GE(probes[i].stack.load(), i % 2 ? size_t{1} << 20 : 1);
+        EXPECT_NE(probes[i].id.load(), qkThread::id());
     }
-    probe->id = qkThread::id();
-    probe->ran = 1;
-    return 0;
-}
-
-TEST(qkThread, CreateRunsTheRoutineWithTheAskedStackAndItsEndIsSeen) {
-    CreateProbe probe;
-    ASSERT_EQ(qkThread::create(probeRoutine, &probe, 1 << 20), 1);
-    ASSERT_TRUE(waitFor(probe.ran));
-    ASSERT_TRUE(waitInactive(&probe.state)) << "thread never reported as ended";
-    EXPECT_EQ(probe.ran.load(), 1);
-    EXPECT_GE(probe.stackSize.load(), size_t{1} << 20);
-    EXPECT_NE(probe.id.load(), nullptr);
-    EXPECT_NE(probe.id.load(), qkThread::id());
-    EXPECT_EQ(qkThread::active(&probe.state), 0);
-}
-
-TEST(qkThread, ManyShortThreadsAllEnd) {
-    constexpr int kThreads = 32;
-    static CreateProbe probes[kThreads];
-    for (auto& probe : probes)
-        ASSERT_EQ(qkThread::create(probeRoutine, &probe, 0), 1);
-    for (auto& probe : probes) {
-        ASSERT_TRUE(waitFor(probe.ran));
-        ASSERT_TRUE(waitInactive(&probe.state));
-    }
+    EXPECT_EQ(qkThread::id(), qkMutex::id());
 }
 
 // A forked child runs on a thread of its own: the id cached by the parent's
@@ -151,16 +111,6 @@ TEST(qkThread, ForkedChildGetsItsOwnThreadId) {
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
-
-TEST(qkThread, IdsAreStablePerThreadAndDistinct) {
-    void* mine = qkThread::id();
-    EXPECT_EQ(mine, qkMutex::id());
-    EXPECT_EQ(mine, qkThread::id());
-    void* theirs = nullptr;
-    std::thread([&] { theirs = qkThread::id(); }).join();
-    EXPECT_NE(theirs, nullptr);
-    EXPECT_NE(theirs, mine);
 }
 
 }  // namespace
