@@ -1,7 +1,8 @@
 // Stores shared between processes. Update writers, serialised by the lock
 // file, lose no increment; Deferred writers' logs are replayed under the
-// lock at commit and lose nothing either; a tree change made without the
-// lock commits only over the version it was made on.
+// lock at commit and lose nothing either, while a reader without the lock
+// sees the store only move forward; a tree change made without the lock
+// commits only over the version it was made on.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,7 +96,26 @@ TEST(TagdbWriters, DeferredAndUpdateWritersLoseNothing) {
         for (int i = 0; i < kRounds; ++i)
             expected[name('u', w, i)] = std::string("x", 2);
     }
-    EXPECT_EQ(runAll(jobs), std::vector<int>(jobs.size(), 0));
+    // Meanwhile a reader without the lock walks the store, its nodes mostly
+    // from files that the writers supersede and remove. One walk only moves
+    // forward in time, so the counter it reads never runs ahead of the
+    // incrementers' keys that the same commits set, nor goes back.
+    Tagdb reader(2, 3);
+    openStore(reader, store);
+    int lastN = 0, walks = 0;
+    auto walk = [&] {
+        if (reader.start(T::Deferred) != T::Ok) return;  // overtaken while reading the index
+        Content now = entries(reader);
+        reader.abort();
+        int n = std::atoi(now["n"].c_str());
+        EXPECT_GE(n, lastN);
+        EXPECT_GE(std::distance(now.lower_bound("u"), now.end()), n);
+        for (auto it = now.begin(); it != now.end() && it->first < "n"; ++it)
+            EXPECT_EQ(it->second, it->first + '\0');
+        lastN = n, ++walks;
+    };
+    EXPECT_EQ(runAll(jobs, walk), std::vector<int>(jobs.size(), 0));
+    EXPECT_GT(walks, 0);
     checkStore(dir, "s", 3, expected);
 }
 
