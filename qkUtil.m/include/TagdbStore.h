@@ -107,10 +107,16 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     // is set when an entry compared equal. A node of one entry gives 0.
     static int search(TagdbNode* n, TagdbKey& key, int tie, int& found);
     // ref = the child of inner node n at pos; Failed when it cannot be
-    // loaded or is not one level below n (a damaged store).
+    // loaded or is not one level below n (a damaged store). Restart when the
+    // store moved on to a newer version while the child was loaded: n and
+    // the path above it are of the older version and may no longer lead to
+    // the keys sought, so the descent starts over from the root.
     Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref);
     // ref = the root; Failed when its level is beyond any reachable height.
     Status loadRoot(TagdbNodeRef& ref);
+    // How many node indexes the store has taken over: a walk that sees it
+    // change holds nodes of more than one version.
+    int reloadCount() const { return reloads; }
 
     // ---- Node cache ----------------------------------------------------
     // The cached node with id (moved to the front of the recency list), or null.
@@ -188,6 +194,7 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
                        TagdbKey*& sep, TagdbNodeRef& sibling);
     Status splitNode(TagdbNode* x, int i, TagdbNodeRef* ref, TagdbKey*& sep, TagdbNodeRef& sibling);
     Status growRoot(TagdbNode* oldRoot, TagdbKey* sep, TagdbNode* sibling);
+    Status lookup(TagdbKey& key, TagdbRecord*& rec);
     Status removeKey(TagdbKey& key);
     void deleteEntry(TagdbCacheEntry* entry);
     Status createLog();
@@ -196,4 +203,5 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
 
     int indexWritten;  // this transaction wrote N-x-newVersion
     int treeFailed;    // a tree change failed part-way: commit must not publish
+    int reloads;       // node indexes taken over (reloadIndex)
 };

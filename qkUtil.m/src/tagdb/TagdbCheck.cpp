@@ -12,6 +12,7 @@ namespace qk::tagdb {
 namespace {
 
 constexpr int kMaxHeight = 64;
+constexpr int kMaxWalks = 10;  // walks a store that keeps moving on may take
 
 std::string describe(TagdbKey* key) {
     auto* s = dynamic_cast<TagdbStringKey*>(key);
@@ -177,7 +178,19 @@ TagdbCommon::Status checkTree(TagdbStore* store, int maxEntries, TreeReport& rep
         report.problems.push_back("no store");
         return TagdbCommon::Failed;
     }
-    Walker(store, maxEntries, report, progress, context).run();
+    // A reader without the lock may see the store move on to a newer
+    // version during the walk; a walk over nodes of two versions proves
+    // nothing, so it is made again.
+    for (int attempt = 0;; ++attempt) {
+        int reloads = store->reloadCount();
+        Walker(store, maxEntries, report, progress, context).run();
+        if (store->reloadCount() == reloads) break;
+        report = TreeReport();
+        if (attempt == kMaxWalks) {
+            report.problems.push_back("the store kept changing during the check");
+            break;
+        }
+    }
     return report.problems.empty() ? TagdbCommon::Ok : TagdbCommon::Failed;
 }
 

@@ -1,7 +1,7 @@
-// A TagdbLocalFile that fails on command, for fault-injection tests: chosen
-// primitive operations (counted from the last arm()), or every open for
-// writing. A failed open leaves the file untouched; a failed close closes
-// the descriptor but reports failure, as if the last bytes had been lost.
+// A TagdbLocalFile that fails on command, for fault-injection tests: the
+// primitive operations with chosen numbers, counted from the last arm(). A
+// failed open leaves the file untouched; a failed close closes the
+// descriptor but reports failure, as if the last bytes had been lost.
 #pragma once
 
 #include <algorithm>
@@ -24,15 +24,11 @@ class FaultFile : public TagdbLocalFile {
     static void disarm() { state().points.clear(); }
     // Operations seen since the last arm().
     static long operations() { return state().operations; }
-    // Every open in WriteMode fails while set.
-    static void failWriteOpens(bool on) { state().writeOpensFail = on; }
 
     Status open(char const* path, FileMode m) override {
-        if ((m == WriteMode && state().writeOpensFail) || fault()) {
-            TagdbLocalFile::close();
-            return Failed;
-        }
-        return TagdbLocalFile::open(path, m);
+        if (!fault()) return TagdbLocalFile::open(path, m);
+        TagdbLocalFile::close();
+        return Failed;
     }
     Status close() override {
         if (!isOpen()) return Ok;
@@ -52,7 +48,6 @@ class FaultFile : public TagdbLocalFile {
     struct State {
         std::vector<long> points;
         long operations = 0;
-        bool writeOpensFail = false;
     };
     static State& state() {
         static State s;

@@ -1,130 +1,102 @@
-// The file layer: typed values against an independent byte-level encoder
-// (values straddling the 512-byte buffer, native and reversed order), the
-// buffer's write-out rule, end of file and corrupt length words, and the lock
-// file's time-out (its use between processes is tested with the stores).
+// The file layer and keys: typed values against an independent byte-level
+// encoder (values straddling the 512-byte buffer, native and reversed
+// order), the buffer's write-out rule, end of file and corrupt length words,
+// the lock file's time-out, and key order and prefix match against
+// std::string. The key and record readers are tested on damaged node files.
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <optional>
 #include <random>
 
 #include "TagdbTestUtil.h"
 #include "qkMemory.h"
-#include "tagdb/TagdbLockFile.h"
 
 using namespace tagdbtest;
 
 namespace {
 
-// One typed value: a number of 1, 2, 4 or 8 bytes (a double when `isDouble`),
-// or a string or byte run (width 0), possibly null.
-struct Item {
-    int width = 0;
-    bool isDouble = false, isString = false;
-    unsigned long long bits = 0;
-    std::optional<std::string> text;
-    bool operator==(Item const&) const = default;
+// One value of every type; the runs may be absent (the null ones).
+struct Values {
+    unsigned char b;
+    short s;
+    int n;
+    double d;
+    long long id;
+    std::optional<std::string> text, run;
+    bool operator==(Values const&) const = default;
 };
 
-Bytes number(unsigned long long v, int width, bool reversed) {
-    Bytes b = le(static_cast<long long>(v), width);
-    if (reversed) std::reverse(b.begin(), b.end());
-    return b;
+// Runs mostly short, some longer than the buffer.
+Values randomValues(std::mt19937& rng) {
+    auto run = [&](bool text) -> std::optional<std::string> {
+        if (rng() % 8 == 0) return std::nullopt;
+        std::string s(rng() % 10 ? rng() % 40 : rng() % 1500, 'x');
+        for (char& c : s)
+            c = static_cast<char>(text ? 1 + rng() % 255 : rng());
+        return s;
+    };
+    return {static_cast<unsigned char>(rng()),
+            static_cast<short>(rng()),
+            static_cast<int>(rng()),
+            std::ldexp(static_cast<int>(rng()), int(rng() % 64) - 32),
+            static_cast<long long>(static_cast<unsigned long long>(rng()) << 32 | rng()),
+            run(true),
+            run(false)};
 }
 
-Bytes encode(std::vector<Item> const& items, bool swap) {
+// The stored form, spelled out byte by byte: numbers little-endian (reversed
+// with swap), runs after their length word, texts with their NUL.
+Bytes encode(std::vector<Values> const& all, bool swap) {
     Bytes out;
-    for (Item const& it : items) {
-        Bytes b;
-        if (it.width) {
-            b = number(it.bits, it.width, swap);
-        } else if (!it.text) {
-            b = number(0xFFFFFFFFu, 4, swap);
-        } else {
-            b = cat({number(it.text->size() + it.isString, 4, swap),
-                     it.isString ? sz(*it.text) : Bytes(it.text->begin(), it.text->end())});
-        }
+    auto number = [&](long long v, int width) {
+        Bytes b = le(v, width);
+        if (swap) std::reverse(b.begin(), b.end());
         out.insert(out.end(), b.begin(), b.end());
+    };
+    auto run = [&](std::optional<std::string> const& r, bool text) {
+        number(r ? static_cast<long long>(r->size()) + text : -1, 4);
+        Bytes b = !r ? Bytes() : text ? sz(*r) : Bytes(r->begin(), r->end());
+        out.insert(out.end(), b.begin(), b.end());
+    };
+    for (Values const& v : all) {
+        long long bits;
+        std::memcpy(&bits, &v.d, 8);
+        number(v.b, 1), number(v.s, 2), number(v.n, 4), number(bits, 8), number(v.id, 8);
+        run(v.text, true), run(v.run, false);
     }
     return out;
 }
 
-Item randomItem(std::mt19937& rng) {
-    static int const widths[] = {1, 2, 4, 8, 8, 0, 0};
-    Item it;
-    int pick = static_cast<int>(rng() % 7);
-    it.width = widths[pick];
-    it.isDouble = pick == 4;
-    it.isString = pick == 5;
-    if (it.width) {
-        it.bits = (static_cast<unsigned long long>(rng()) << 32 | rng()) &
-                  (it.width == 8 ? ~0ull : (1ull << (8 * it.width)) - 1);
-        if (it.isDouble) {
-            double d = std::uniform_real_distribution<double>(-1e9, 1e9)(rng);
-            std::memcpy(&it.bits, &d, 8);
-        }
-    } else if (rng() % 8) {
-        std::string s(rng() % 10 ? rng() % 40 : rng() % 1500, 'x');
-        for (char& c : s)
-            c = static_cast<char>(it.isString ? 1 + rng() % 255 : rng());
-        it.text = s;
-    }
-    return it;
+void write(TagdbFile& f, Values const& v) {
+    T::Status st[] = {
+        f.writeByte(v.b),
+        f.writeShort(v.s),
+        f.writeInteger(v.n),
+        f.writeDouble(v.d),
+        f.writeTagDbId(v.id),
+        f.writeString(v.text ? v.text->c_str() : nullptr),
+        f.writeBytes(v.run ? v.run->data() : nullptr, v.run ? int(v.run->size()) : 0)};
+    for (T::Status s : st)
+        ASSERT_EQ(s, T::Ok);
 }
 
-T::Status writeItem(TagdbFile& f, Item const& it) {
-    double d;
-    std::memcpy(&d, &it.bits, 8);
-    switch (it.width) {
-        case 1:
-            return f.writeByte(static_cast<unsigned char>(it.bits));
-        case 2:
-            return f.writeShort(static_cast<short>(it.bits));
-        case 4:
-            return f.writeInteger(static_cast<int>(it.bits));
-        case 8:
-            return it.isDouble ? f.writeDouble(d) : f.writeTagDbId(static_cast<long long>(it.bits));
-    }
-    if (it.isString) return f.writeString(it.text ? it.text->c_str() : nullptr);
-    return f.writeBytes(it.text ? it.text->data() : nullptr,
-                        it.text ? static_cast<int>(it.text->size()) : 0);
-}
-
-// Reads a number of type V through `read`; its bytes land in `bits`.
-template <class V>
-T::Status get(TagdbFile& f, T::Status (TagdbFile::*read)(V&), unsigned long long& bits) {
-    V v{};
-    T::Status st = (f.*read)(v);
-    std::memcpy(&bits, &v, sizeof v);
-    return st;
-}
-
-// Reads a value of the same kind as `like`.
-Item readItem(TagdbFile& f, Item const& like) {
-    Item it = like;
-    it.bits = 0;
-    it.text.reset();
-    T::Status st = T::Failed;
-    if (it.width) {
-        st = it.isDouble     ? get<double>(f, &TagdbFile::readDouble, it.bits)
-             : it.width == 8 ? get<long long>(f, &TagdbFile::readTagDbId, it.bits)
-             : it.width == 4 ? get<int>(f, &TagdbFile::readInteger, it.bits)
-             : it.width == 2 ? get<short>(f, &TagdbFile::readShort, it.bits)
-                             : get<unsigned char>(f, &TagdbFile::readByte, it.bits);
-    } else if (it.isString) {
-        char const* s = nullptr;
-        st = f.readString(s);
-        if (s) it.text = s;
-        qkFree(const_cast<char*>(s), __FILE__, __LINE__);
-    } else {
-        void const* p = nullptr;
-        int n = -1;
-        st = f.readBytes(p, n);
-        if (p) it.text = std::string(static_cast<char const*>(p), static_cast<size_t>(n));
-        EXPECT_TRUE(p || n == 0);
-        qkFree(const_cast<void*>(p), __FILE__, __LINE__);
-    }
-    EXPECT_EQ(st, T::Ok);
-    return it;
+Values read(TagdbFile& f) {
+    Values v{};
+    char const* text = nullptr;
+    void const* run = nullptr;
+    int n = -1;
+    T::Status st[] = {f.readByte(v.b),    f.readShort(v.s),    f.readInteger(v.n),
+                      f.readDouble(v.d),  f.readTagDbId(v.id), f.readString(text),
+                      f.readBytes(run, n)};
+    for (T::Status s : st)
+        EXPECT_EQ(s, T::Ok);
+    EXPECT_TRUE(run || n == 0);  // a null run has no length
+    if (text) v.text = text;
+    if (run) v.run = std::string(static_cast<char const*>(run), static_cast<size_t>(n));
+    qkFree(const_cast<char*>(text), __FILE__, __LINE__);
+    qkFree(const_cast<void*>(run), __FILE__, __LINE__);
+    return v;
 }
 
 struct SwappingFile : TagdbLocalFile {
@@ -137,21 +109,21 @@ TEST(TagdbFile, TypedValuesMatchAnIndependentEncoder) {
     std::string path = dir / "typed";
     for (int round = 0; round < 60; ++round) {
         bool swap = round % 3 == 2;
-        std::vector<Item> items(1 + rng() % 400);
-        for (Item& it : items)
-            it = randomItem(rng);
+        std::vector<Values> all(1 + rng() % 60);
+        for (Values& v : all)
+            v = randomValues(rng);
         SwappingFile f;
         ASSERT_EQ(f.open(path.c_str(), T::WriteMode), T::Ok);
         if (swap) f.setSwap();
-        for (Item const& it : items)
-            ASSERT_EQ(writeItem(f, it), T::Ok);
+        for (Values const& v : all)
+            write(f, v);
         ASSERT_EQ(f.close(), T::Ok);
-        ASSERT_EQ(readFile(path), encode(items, swap)) << "round " << round;
+        ASSERT_EQ(readFile(path), encode(all, swap)) << "round " << round;
 
         ASSERT_EQ(f.open(path.c_str(), T::ReadMode), T::Ok);
         if (swap) f.setSwap();
-        for (Item const& it : items)
-            ASSERT_EQ(readItem(f, it), it);
+        for (Values const& v : all)
+            ASSERT_EQ(read(f), v);
         unsigned char extra;
         EXPECT_EQ(f.readByte(extra), T::Failed);
     }
@@ -187,19 +159,41 @@ TEST(TagdbFile, FullBufferWaitsForCloseAndShortFilesFail) {
     }
 }
 
-TEST(TagdbLocalFile, LockTimesOutWhileTheFileExists) {
+// The one test that waits out the real time-out.
+TEST(TagdbLocalFile, StaleLockTimesOutAfterThirtySeconds) {
     TempDir dir;
-    std::string lockPath = dir / "s-lock";
-    ASSERT_EQ(qk::tagdb::acquireLockFile(lockPath.c_str(), 1000, 5), T::Ok);
+    std::string name = dir / "s";
+    TagdbLocalFile f;
+    ASSERT_EQ(f.lock(name.c_str()), T::Ok);
+    EXPECT_EQ(dir.files(), std::set<std::string>{"s-lock"});
     auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(qk::tagdb::acquireLockFile(lockPath.c_str(), 150, 5), T::LockTimeout);
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(150));
-    // The real thing: a stale lock blocks for a little more than 30 seconds.
-    t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(TagdbLocalFile().lock((dir / "s").c_str()), T::LockTimeout);
+    EXPECT_EQ(f.lock(name.c_str()), T::LockTimeout);
     auto waited = std::chrono::steady_clock::now() - t0;
     EXPECT_GE(waited, std::chrono::seconds(30));
     EXPECT_LT(waited, std::chrono::seconds(45));
+    EXPECT_EQ(f.unlock(name.c_str()), T::Ok);
+    EXPECT_EQ(f.unlock(name.c_str()), T::Failed);
+}
+
+TEST(TagdbKey, OrderAndPrefixMatchAgreeWithStdString) {
+    static char const alphabet[] = {'a', 'b', '\x01', '\x7f', '\x80', '\xff'};
+    std::mt19937 rng(3);
+    auto randomText = [&] {
+        std::string s(rng() % 5, 'a');
+        for (char& c : s)
+            c = alphabet[rng() % sizeof alphabet];
+        return s;
+    };
+    for (int i = 0; i < 20000; ++i) {
+        std::string a = randomText(), b = randomText();
+        TagdbKey* ka = Key::newInstance(a.c_str());
+        TagdbKey* kb = Key::newInstance(b.c_str());
+        int expected = a.compare(b);
+        ASSERT_EQ(ka->compare(kb), (expected > 0) - (expected < 0)) << a << " vs " << b;
+        ASSERT_EQ(ka->match(kb), b.compare(0, a.size(), a) == 0 ? 1 : 0) << a << " vs " << b;
+        ka->release();
+        kb->release();
+    }
 }
 
 }  // namespace

@@ -13,6 +13,14 @@
 
 #include "tagdb/TagdbBlob.h"
 
+namespace {
+
+// A seek that the store's moving on sends back to the root is tried this
+// many times in all.
+constexpr int kDescents = 100;
+
+}  // namespace
+
 TagdbItr::TagdbItr(Tagdb* db, TagdbKey& key, Boolean copy)
     : tagdb(db),
       store(nullptr),
@@ -121,26 +129,30 @@ TagdbKey* TagdbItr::getKey() {
 
 // Descends to the first key >= key (tie 0) or > key (tie 1). The iterator is
 // busy meanwhile: the loads on the way may evict the nodes it is passing,
-// and it must not detach from a position it is still building.
+// and it must not detach from a position it is still building. When the
+// store moves on to a newer version under the descent, it starts over.
 TagdbCommon::Status TagdbItr::seek(TagdbKey* key, int tie) {
-    unposition();
     busy = 1;
-    TagdbNodeRef cur;
-    Status st = store->loadRoot(cur);
-    int found = 0;
-    while (st == Ok) {
-        TagdbNode* n = cur.node;
-        int pos = found ? n->count - 1 : TagdbStore::search(n, *key, tie, found);
-        if (n->isLeaf()) {
-            dup(n, pos);
-            break;
+    Status st = Restart;
+    for (int attempt = 0; st == Restart && attempt < kDescents; ++attempt) {
+        unposition();
+        TagdbNodeRef cur;
+        st = store->loadRoot(cur);
+        int found = 0;
+        while (st == Ok) {
+            TagdbNode* n = cur.node;
+            int pos = found ? n->count - 1 : TagdbStore::search(n, *key, tie, found);
+            if (n->isLeaf()) {
+                dup(n, pos);
+                break;
+            }
+            if (n->keys[pos]) parent.dup(n, pos);
+            st = store->loadChild(n, pos, cur);
         }
-        if (n->keys[pos]) parent.dup(n, pos);
-        st = store->loadChild(n, pos, cur);
     }
     busy = 0;
     if (st != Ok) unposition();
-    return st;
+    return st == Restart ? Failed : st;
 }
 
 // Moves past the current entry; unpositioned at the end of the tree.

@@ -77,7 +77,8 @@ TagdbStore::TagdbStore(Tagdb* db, TagdbKeyReader kr, TagdbRecordReader rr, void*
       iteratorCount(0),
       iteratorCapacity(0),
       indexWritten(0),
-      treeFailed(0) {}
+      treeFailed(0),
+      reloads(0) {}
 
 TagdbStore* TagdbStore::create(Tagdb* db, char const* storeName, TagdbKeyReader kr,
                                TagdbRecordReader rr, void* ud) {
@@ -264,6 +265,7 @@ TagdbCommon::Status TagdbStore::reloadIndex(int v) {
     freeHint = t.freeHint;
     dropMoved(oldVersions, oldCount);
     qkFree(oldVersions, __FILE__, __LINE__);
+    ++reloads;
     return Ok;
 }
 

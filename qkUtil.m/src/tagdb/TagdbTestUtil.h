@@ -1,6 +1,7 @@
-// Helpers shared by the tag database tests: a scratch directory, whole files,
-// stored forms spelled out byte by byte, keys and records from strings, and
-// node-layer edits that report failure as a status (the tree comes later).
+// Helpers shared by the tag database tests and the tagdb tool's: a scratch
+// directory, whole files, stored forms spelled out byte by byte, keys and
+// records from strings, and whole stores read, written and checked through
+// the public interface.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,11 +16,14 @@
 #include <vector>
 
 #include "Tagdb.h"
+#include "TagdbItr.h"
+#include "tagdb/TagdbCheck.h"
 
 namespace tagdbtest {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<unsigned char>;
+using Content = std::map<std::string, std::string>;
 using T = TagdbCommon;
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
@@ -35,6 +39,7 @@ class TempDir {
         std::error_code ec;
         fs::remove_all(path_, ec);
     }
+    std::string const& path() const { return path_; }
     std::string operator/(std::string const& name) const { return path_ + "/" + name; }
     std::set<std::string> files() const {
         std::set<std::string> names;
@@ -51,8 +56,7 @@ class TempDir {
 // else 1.
 inline int soakFactor() {
     char const* f = std::getenv("QK_TAGDB_SOAK");
-    int n = f ? std::atoi(f) : 1;
-    return n > 1 ? n : 1;
+    return f && std::atoi(f) > 1 ? std::atoi(f) : 1;
 }
 
 inline Bytes readFile(std::string const& path) {
@@ -97,9 +101,6 @@ struct Key : TagdbStringKey {
 struct Rec : TagdbBlobRecord {
     using TagdbBlobRecord::newInstance;
 };
-inline TagdbKey* key(std::string const& s) {
-    return Key::newInstance(s.c_str());
-}
 inline TagdbRecord* rec(std::string const& s) {
     return Rec::newInstance(s.data(), static_cast<int>(s.size()));
 }
@@ -121,71 +122,57 @@ inline TagdbStore* openStore(Tagdb& db, std::string const& name) {
     return db.getCurrent();
 }
 
-// Makes n a leaf holding `records`, keyed "k<i><record>", the last key empty.
-inline void fillLeaf(TagdbNode* n, std::vector<std::string> const& records) {
-    n->clear();
-    n->type = TagdbNode::Leaf;
-    n->level = 1;
-    for (size_t i = 0; i < records.size(); ++i) {
-        n->keys[i] = i + 1 < records.size() ? key("k" + std::to_string(i) + records[i]) : nullptr;
-        n->values[i].record = rec(records[i]);
+// Every (key, record) of the active store, walked by an iterator. With
+// `strict`, a key not above the one before and a walk that fails are test
+// failures.
+inline Content entries(Tagdb& db, bool strict = true) {
+    Content out;
+    TagdbItr it(&db, "");
+    int more = 0;
+    T::Status st;
+    while ((st = it.next(more)) == T::Ok && more) {
+        std::string k = text(it.getKey());
+        EXPECT_TRUE(!strict || out.empty() || out.rbegin()->first < k) << "out of order: " << k;
+        TagdbRecord* r = nullptr;
+        it.get(r);
+        out[k] = text(r);
     }
-    n->count = static_cast<int>(records.size());
-    n->store->markModified(n);
-}
-
-// Loads leaf id and replaces its records.
-inline T::Status change(TagdbStore* s, long long id, std::vector<std::string> const& records) {
-    TagdbNodeRef ref;
-    if (s->loadNode(id, ref) != T::Ok) return T::Failed;
-    fillLeaf(ref.node, records);
-    return s->cacheTouch(ref.node);
-}
-
-// A new leaf holding records, cached as the tree caches a new node.
-inline T::Status addLeaf(TagdbStore* s, std::vector<std::string> const& records,
-                         long long* id = nullptr) {
-    TagdbNodeRef ref;
-    if (s->newNode(ref) != T::Ok) return T::Failed;
-    fillLeaf(ref.node, records);
-    if (id) *id = ref.node->id;
-    return s->cacheInsert(ref.node);
-}
-
-inline T::Status freeLeaf(TagdbStore* s, long long id) {
-    TagdbNodeRef ref;
-    if (s->loadNode(id, ref) != T::Ok) return T::Failed;
-    s->freeNode(ref.node);
-    return T::Ok;
-}
-
-// Makes node 0 an inner node of level 2 over the given leaves.
-inline T::Status setRoot(TagdbStore* s, std::vector<long long> const& ids) {
-    TagdbNodeRef root;
-    if (s->loadNode(0, root) != T::Ok) return T::Failed;
-    TagdbNode* n = root.node;
-    n->clear();
-    n->type = TagdbNode::Inner;
-    n->level = 2;
-    for (size_t i = 0; i < ids.size(); ++i) {
-        n->keys[i] = i + 1 < ids.size() ? key("c" + std::to_string(ids[i])) : nullptr;
-        n->values[i].id = ids[i];
-    }
-    n->count = static_cast<int>(ids.size());
-    s->markModified(n);
-    return s->cacheTouch(n);
-}
-
-// The records of node id (the child ids of an inner node), or "<failed>".
-inline std::vector<std::string> contentOf(TagdbStore* s, long long id) {
-    TagdbNodeRef ref;
-    if (s->loadNode(id, ref) != T::Ok) return {"<failed>"};
-    std::vector<std::string> out;
-    for (int i = 0; i < ref.node->count; ++i) {
-        out.push_back(ref.node->isLeaf() ? text(ref.node->values[i].record)
-                                         : std::to_string(ref.node->values[i].id));
-    }
+    EXPECT_TRUE(!strict || st == T::Ok) << "the walk failed after " << out.size() << " entries";
     return out;
+}
+
+// Stores content in one Update transaction.
+inline void fill(std::string const& name, Content const& content, int maxEntries = 512) {
+    Tagdb db(32, maxEntries);
+    openStore(db, name);
+    ASSERT_EQ(db.start(T::Update), T::Ok);
+    for (auto const& [k, v] : content)
+        ASSERT_EQ(db.set(k.c_str(), v.data(), static_cast<int>(v.size())), T::Ok);
+    ASSERT_EQ(db.commit(), T::Ok);
+}
+
+// Reads the committed store named `name` in `dir` as a second process would
+// and checks it whole: the tree's invariants hold, its entries are
+// `expected`, and (with `exactFiles`) the directory holds exactly the files
+// of the current version: the version file, its index and one file per node.
+inline void checkStore(TempDir const& dir, std::string const& name, int maxEntries,
+                       Content const& expected, bool exactFiles = true) {
+    Tagdb db(8, maxEntries);
+    TagdbStore* s = openStore(db, dir / name);
+    ASSERT_EQ(db.start(T::Deferred), T::Ok);
+    qk::tagdb::TreeReport report;
+    EXPECT_EQ(qk::tagdb::checkTree(s, maxEntries, report), T::Ok)
+        << (report.problems.empty() ? "" : report.problems[0]);
+    EXPECT_EQ(entries(db), expected);
+    if (!exactFiles) return;
+    std::set<std::string> files = {name};
+    if (s->version > 1) files.insert(name + "-x-" + std::to_string(s->version));
+    for (long long id = 0; id < s->nodeCount; ++id) {
+        int v = s->committedVersions[id];
+        if (v > 0 && !(s->version == 1 && id == 0))
+            files.insert(name + "-" + std::to_string(id) + "-" + std::to_string(v));
+    }
+    EXPECT_EQ(dir.files(), files);
 }
 
 }  // namespace tagdbtest

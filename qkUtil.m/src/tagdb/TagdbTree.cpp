@@ -19,6 +19,19 @@ namespace {
 // file, and refusing it bounds every descent (and the recursion of inserts).
 constexpr int kMaxHeight = 64;
 
+// A descent that the store's moving on sends back to the root is tried this
+// many times in all; a reader overtaken again and again then fails.
+constexpr int kDescents = 100;
+
+// Runs descent() again while it reports Restart.
+template <class Descent>
+TagdbCommon::Status descend(Descent descent) {
+    TagdbCommon::Status st = TagdbCommon::Restart;
+    for (int attempt = 0; st == TagdbCommon::Restart && attempt < kDescents; ++attempt)
+        st = descent();
+    return st == TagdbCommon::Restart ? TagdbCommon::Failed : st;
+}
+
 }  // namespace
 
 int TagdbStore::search(TagdbNode* n, TagdbKey& key, int tie, int& found) {
@@ -50,11 +63,18 @@ TagdbCommon::Status TagdbStore::loadRoot(TagdbNodeRef& ref) {
 }
 
 // Levels fall by exactly one on the way down, so a damaged file cannot lead
-// the descent in a circle.
+// the descent in a circle. A reader without the lock may find the child's
+// file superseded; the load then moves the whole store on to the newer
+// version, under which n's entry may lead to a node of other keys.
 TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref) {
     long long id = n->values[pos].id;
     int level = n->level;  // n may leave memory when ref lets go of it
+    int reloadsBefore = reloads;
     if (loadNode(id, ref) != Ok) return Failed;
+    if (reloads != reloadsBefore) {
+        ref.release();
+        return Restart;
+    }
     if (ref.node->level != level - 1 || ref.node->count < 1) {
         ref.release();
         return Failed;
@@ -67,6 +87,10 @@ TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& r
 // Once the key is found in an inner node it is the greatest key of that
 // entry's subtree, and so sits in the last entry of every node below.
 TagdbCommon::Status TagdbStore::treeGet(TagdbKey& key, TagdbRecord*& rec) {
+    return descend([&] { return lookup(key, rec); });
+}
+
+TagdbCommon::Status TagdbStore::lookup(TagdbKey& key, TagdbRecord*& rec) {
     rec = nullptr;
     TagdbNodeRef ref;
     if (loadRoot(ref) != Ok) return Failed;
@@ -78,18 +102,22 @@ TagdbCommon::Status TagdbStore::treeGet(TagdbKey& key, TagdbRecord*& rec) {
             if (found) rec = n->values[pos].record;
             return Ok;
         }
-        if (loadChild(n, pos, ref) != Ok) return Failed;
+        if (Status st = loadChild(n, pos, ref); st != Ok) return st;
     }
 }
 
 // ---- Find or insert ---------------------------------------------------------
 
+// Nothing changes before the descent reaches the leaf, so a Restart on the
+// way down leaves the tree as it was.
 TagdbCommon::Status TagdbStore::treeGetRef(TagdbKey& key, TagdbNodeRef& ref) {
-    TagdbNodeRef root;
-    if (loadRoot(root) != Ok) return Failed;
-    TagdbKey* sep = nullptr;
-    TagdbNodeRef sibling;
-    Status st = insertBelow(root.node, key, 0, ref, sep, sibling);
+    Status st = descend([&] {
+        TagdbNodeRef root;
+        if (loadRoot(root) != Ok) return Failed;
+        TagdbKey* sep = nullptr;
+        TagdbNodeRef sibling;
+        return insertBelow(root.node, key, 0, ref, sep, sibling);
+    });
     return st == Ok ? Ok : Failed;  // the root grows in place: no Split reaches here
 }
 
@@ -109,7 +137,7 @@ TagdbCommon::Status TagdbStore::insertBelow(TagdbNode* x, TagdbKey& key, int fou
         return insertEntry(x, pos, copy, 0, &ref, sep, sibling);
     }
     TagdbNodeRef child;
-    if (loadChild(x, pos, child) != Ok) return Failed;
+    if (Status loaded = loadChild(x, pos, child); loaded != Ok) return loaded;
     TagdbKey* childSep = nullptr;
     TagdbNodeRef childSibling;
     Status st = insertBelow(child.node, key, found, ref, childSep, childSibling);
@@ -234,18 +262,24 @@ TagdbCommon::Status TagdbStore::treeSet(TagdbKey& key, TagdbRecord* rec) {
 // the path: it holds the greatest key of the leaf reached.
 TagdbCommon::Status TagdbStore::removeKey(TagdbKey& key) {
     TagdbNodeRef cur, parent;
-    if (loadRoot(cur) != Ok) return Failed;
     int found = 0;
-    while (!cur.node->isLeaf()) {
-        TagdbNode* n = cur.node;
-        int pos = found ? n->count - 1 : search(n, key, 0, found);
-        if (n->keys[pos]) parent.dup(n, pos);
-        if (loadChild(n, pos, cur) != Ok) return Failed;
-    }
+    Status st = descend([&] {
+        parent.release();
+        found = 0;
+        if (loadRoot(cur) != Ok) return Failed;
+        while (!cur.node->isLeaf()) {
+            TagdbNode* n = cur.node;
+            int pos = found ? n->count - 1 : search(n, key, 0, found);
+            if (n->keys[pos]) parent.dup(n, pos);
+            if (Status loaded = loadChild(n, pos, cur); loaded != Ok) return loaded;
+        }
+        return Ok;
+    });
+    if (st != Ok) return st;
     int pos = found ? cur.node->count - 1 : search(cur.node, key, 0, found);
     if (!found) return Ok;
     cur.index = pos;
-    Status st = cur.remove(parent);
+    st = cur.remove(parent);
     if (st != Ok) treeFailed = 1;
     return st;
 }

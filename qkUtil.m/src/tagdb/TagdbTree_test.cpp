@@ -1,14 +1,19 @@
-// The node tree against a model: random sets, deletes, lookups, commits,
-// aborts, Deferred transactions and reopenings on small nodes and tiny caches,
-// with every key checked after every step and, after every commit, the
-// files on disk checked by a second reader: the tree's invariants hold, its
-// contents equal the model, and no file is missing or left over.
+// The node tree and its iterators against a model: random sets, deletes,
+// lookups, prefix walks, commits, aborts, Deferred transactions and
+// reopenings on small nodes and tiny caches, with every key checked after
+// every step.
+// A walk changes the store between its steps (deletes and replacements
+// through the iterator, inserts and deletes around it, lookups that evict its
+// nodes, copies of it); each step must land on the model's next key above the
+// last one visited. After every commit a second reader checks the files: the
+// tree's invariants hold, its contents equal the model, no file is missing
+// or left over; after every abort the files are byte for byte those of the
+// last commit. Deferred logs are private and gone after the transaction.
 #include <memory>
+#include <optional>
 #include <random>
 
-#include "TagdbItr.h"
 #include "TagdbTestUtil.h"
-#include "tagdb/TagdbCheck.h"
 
 using namespace tagdbtest;
 
@@ -32,83 +37,60 @@ std::vector<std::string> keySpace() {
     return keys;
 }
 
-using Content = std::map<std::string, std::string>;
-
-// Every (key, value) of the active store, in iterator order.
-Content walk(Tagdb& db) {
-    Content out;
-    TagdbItr it(&db, "");
-    int more = 0;
-    std::string last;
-    while (it.next(more) == T::Ok && more) {
-        std::string k = text(it.getKey());
-        void const* data = nullptr;
-        int n = 0;
-        it.get(data, n);
-        EXPECT_TRUE(out.empty() || last < k) << "order broken at " << k;
-        last = k;
-        out[k] = std::string(static_cast<char const*>(data), static_cast<size_t>(n));
-    }
-    return out;
+std::string shown(void const* data, int n) {
+    return data ? std::string(static_cast<char const*>(data), static_cast<size_t>(n)) : "<none>";
 }
 
-// Reads the committed store as a second process would and checks it whole.
-void checkCommitted(std::string const& name, TempDir const& dir, int maxEntries,
-                    Content const& expected) {
-    Tagdb db(4);
-    TagdbStore* s = openStore(db, name);
-    ASSERT_EQ(db.start(T::Deferred), T::Ok);
-    qk::tagdb::TreeReport report;
-    EXPECT_EQ(qk::tagdb::checkTree(s, maxEntries, report), T::Ok)
-        << (report.problems.empty() ? "" : report.problems[0]);
-    EXPECT_EQ(report.entries, static_cast<long long>(expected.size()));
-    EXPECT_EQ(walk(db), expected);
-    // The files are exactly those of the current version.
-    std::set<std::string> files = {"s"};
-    if (s->version > 1) files.insert("s-x-" + std::to_string(s->version));
-    for (long long id = 0; id < s->nodeCount; ++id) {
-        int v = s->committedVersions[id];
-        if (v > 0 && !(s->version == 1 && id == 0))
-            files.insert("s-" + std::to_string(id) + "-" + std::to_string(v));
-    }
-    EXPECT_EQ(dir.files(), files);
-    db.abort();
+std::string valueOf(TagdbItr& it) {
+    void const* data = nullptr;
+    int n = 0;
+    EXPECT_EQ(it.get(data, n), T::Ok);
+    return shown(data, n);
 }
 
 class TreeModel {
   public:
     TreeModel(int maxEntries, int cacheSize, unsigned seed)
         : maxEntries_(maxEntries), cacheSize_(cacheSize), rng_(seed), keys_(keySpace()) {
+        setenv("TMPDIR", tmp_.path().c_str(), 1);  // where the deferred logs go
         reopen();
+        EXPECT_EQ(db_->start(T::Update), T::Ok);  // creates the version file
+        commit();
+    }
+    ~TreeModel() {
+        db_.reset();
+        setenv("TMPDIR", dir_.path().substr(0, dir_.path().rfind('/')).c_str(), 1);
     }
 
     void run(int steps) {
         for (int step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
             SCOPED_TRACE("step " + std::to_string(step));
             unsigned op = rng_() % 100;
-            if (op < 75 && !db_->inTransaction()) {
+            if (op < 80 && !db_->inTransaction()) {
                 deferred_ = rng_() % 4 == 0;
                 ASSERT_EQ(db_->start(deferred_ ? T::Deferred : T::Update), T::Ok);
             }
             if (op < 45) {
-                setRandom();
-            } else if (op < 65) {
-                removeRandom();
-            } else if (op < 75) {
-                setThroughRef();
-            } else if (op < 88) {
+                set(anyKey(), anyValue());
+                if (deferred_) checkLog();
+            } else if (op < 63) {
+                set(anyKey(), {});
+            } else if (op < 80) {
+                walk();
+            } else if (op < 90) {
                 commit();
-            } else if (op < 96) {
-                if (db_->inTransaction()) {
-                    EXPECT_EQ(db_->abort(), T::Aborted);
-                }
+            } else if (op < 97) {
+                EXPECT_EQ(db_->inTransaction() ? db_->abort() : T::Aborted, T::Aborted);
                 working_ = committed_;
+                EXPECT_EQ(snapshot(dir_), files_);
+                EXPECT_TRUE(fs::is_empty(tmp_.path()));  // no log is left behind
             } else {
                 reopen();
+                EXPECT_EQ(snapshot(dir_), files_);
             }
             if (db_->inTransaction()) checkEveryKey();
         }
-        if (db_->inTransaction()) commit();
+        commit();
     }
 
   private:
@@ -121,36 +103,99 @@ class TreeModel {
         return v;
     }
 
-    void setRandom() {
-        std::string const& k = anyKey();
-        std::string v = anyValue();
-        ASSERT_EQ(db_->set(k.c_str(), v.data(), static_cast<int>(v.size())), T::Ok);
-        working_[k] = v;
+    // A Deferred transaction sees the committed tree; its writes wait in the log.
+    Content& visible() { return deferred_ ? committed_ : working_; }
+
+    // Stores v under k, or deletes k when v is absent.
+    void set(std::string const& k, std::optional<std::string> const& v) {
+        ASSERT_EQ(v ? db_->set(k.c_str(), v->data(), static_cast<int>(v->size()))
+                    : db_->set(k.c_str(), static_cast<TagdbRecord*>(nullptr)),
+                  T::Ok);
+        v ? void(working_[k] = *v) : void(working_.erase(k));
     }
 
-    void removeRandom() {
-        std::string const& k = anyKey();
-        ASSERT_EQ(db_->set(k.c_str(), static_cast<TagdbRecord*>(nullptr)), T::Ok);
-        working_.erase(k);
+    // A Deferred transaction writes to a log of its own, readable only by
+    // its owner, and takes no lock before its commit.
+    void checkLog() {
+        std::vector<fs::path> logs(fs::directory_iterator(tmp_.path()), {});
+        ASSERT_EQ(logs.size(), 1u);
+        EXPECT_EQ(logs[0].filename().string().substr(0, 5), "tagdb");
+        EXPECT_EQ(fs::status(logs[0]).permissions(),
+                  fs::perms::owner_read | fs::perms::owner_write);
+        EXPECT_FALSE(fs::exists(dir_ / "s-lock"));
     }
 
-    // Find-or-insert, then store through the reference (Update only: in
-    // Deferred mode a reference changes the tree without the log).
-    void setThroughRef() {
-        if (deferred_) return setRandom();
-        std::string const& k = anyKey();
-        std::string v = anyValue();
-        TagdbNodeRef ref;
-        ASSERT_EQ(db_->getRef(k.c_str(), ref), T::Ok);
-        ASSERT_EQ(ref.set(rec(v)), T::Ok);
-        working_[k] = v;
+    // The model's entry an iterator must land on next, or "<end>".
+    std::string expectedNext(std::string const& prefix, std::string const* after) {
+        auto next = after ? visible().upper_bound(*after) : visible().lower_bound(prefix);
+        bool in = next != visible().end() && next->first.compare(0, prefix.size(), prefix) == 0;
+        return in ? next->first + "=" + next->second : "<end>";
+    }
+    std::string step(TagdbItr& it) {
+        int more = -1;
+        EXPECT_EQ(it.next(more), T::Ok);
+        return more == 1 ? text(it.getKey()) + "=" + valueOf(it) : more ? "<failed>" : "<end>";
+    }
+
+    void walk() {
+        std::string prefix = anyKey().substr(0, rng_() % 3), cur;
+        SCOPED_TRACE("walk over \"" + prefix + "\"");
+        TagdbItr it(db_.get(), prefix.c_str());
+        for (std::string const* after = nullptr;; after = &cur) {
+            std::string expected = expectedNext(prefix, after);
+            ASSERT_EQ(step(it), expected);
+            if (expected == "<end>") break;
+            cur = expected.substr(0, expected.find('='));
+            disturb(it, cur, prefix);
+        }
+        EXPECT_EQ(step(it), "<end>");  // the end stays the end
+    }
+
+    // Zero to three changes between two steps of the iterator.
+    void disturb(TagdbItr& it, std::string const& cur, std::string const& prefix) {
+        bool curDeleted = false;
+        for (int n = static_cast<int>(rng_() % 4); n > 0; --n) {
+            std::string k = anyKey(), v = anyValue();
+            switch (rng_() % 6) {
+                case 0:  // deleted through the iterator
+                    if (curDeleted) break;
+                    ASSERT_EQ(it.set(static_cast<TagdbRecord*>(nullptr)), T::Ok);
+                    working_.erase(cur);
+                    curDeleted = true;
+                    break;
+                case 1:  // replaced through the iterator
+                    if (curDeleted) break;
+                    ASSERT_EQ(it.set(v.data(), static_cast<int>(v.size())), T::Ok);
+                    working_[cur] = v;
+                    ASSERT_EQ(valueOf(it), visible()[cur]);
+                    break;
+                case 2:
+                    if (!(curDeleted && k == cur)) set(k, v);  // a deleted place stays passed
+                    break;
+                case 3:
+                    set(k, {});
+                    curDeleted = curDeleted || k == cur;
+                    break;
+                case 4: {  // a copy walks on by itself, as does one assigned
+                    TagdbItr copy(it);
+                    for (int round = 0; round < 2; ++round, copy = it)
+                        ASSERT_EQ(step(copy), expectedNext(prefix, &cur));
+                    break;
+                }
+                case 5:  // a lookup: loads nodes, may evict the iterator's
+                    ASSERT_EQ(lookup(k), expectedValue(k));
+                    break;
+            }
+        }
     }
 
     void commit() {
         if (!db_->inTransaction()) return;
         ASSERT_EQ(db_->commit(), T::Ok);
         committed_ = working_;
-        checkCommitted(dir_ / "s", dir_, maxEntries_, committed_);
+        checkStore(dir_, "s", maxEntries_, committed_);
+        files_ = snapshot(dir_);
+        EXPECT_TRUE(fs::is_empty(tmp_.path()));
     }
 
     void reopen() {
@@ -159,103 +204,76 @@ class TreeModel {
         working_ = committed_;
     }
 
-    // A Deferred transaction sees the committed tree; its writes wait in the log.
+    std::string lookup(std::string const& k) {
+        void const* data = nullptr;
+        int n = -1;
+        EXPECT_EQ(db_->get(k.c_str(), data, n), T::Ok) << k;
+        return shown(data, n);
+    }
+    std::string expectedValue(std::string const& k) {
+        auto it = visible().find(k);
+        return it == visible().end() ? "<none>" : it->second;
+    }
     void checkEveryKey() {
-        Content const& visible = deferred_ ? committed_ : working_;
-        for (std::string const& k : keys_) {
-            void const* data = nullptr;
-            int n = -1;
-            ASSERT_EQ(db_->get(k.c_str(), data, n), T::Ok) << k;
-            auto it = visible.find(k);
-            if (it == visible.end()) {
-                ASSERT_EQ(data, nullptr) << "key " << k << " should be absent";
-            } else {
-                ASSERT_NE(data, nullptr) << "key " << k << " lost";
-                ASSERT_EQ(std::string(static_cast<char const*>(data), static_cast<size_t>(n)),
-                          it->second);
-            }
-        }
+        for (std::string const& k : keys_)
+            ASSERT_EQ(lookup(k), expectedValue(k)) << "key " << k;
     }
 
     int maxEntries_, cacheSize_;
     std::mt19937 rng_;
     std::vector<std::string> keys_;
-    TempDir dir_;
+    TempDir dir_, tmp_;
     std::unique_ptr<Tagdb> db_;
     bool deferred_ = false;
     Content committed_, working_;
+    std::map<std::string, Bytes> files_;  // as the last commit left them
 };
 
 class TagdbTreeModel : public testing::TestWithParam<std::tuple<int, int>> {};
 
 TEST_P(TagdbTreeModel, RandomOperationsMatchAMap) {
     auto [maxEntries, cacheSize] = GetParam();
-    TreeModel(maxEntries, cacheSize, 7919u * maxEntries + cacheSize).run(1500 * soakFactor());
+    TreeModel(maxEntries, cacheSize, 7919u * maxEntries + cacheSize).run(1200 * soakFactor());
 }
 
 INSTANTIATE_TEST_SUITE_P(SmallNodesTinyCaches, TagdbTreeModel,
-                         testing::Combine(testing::Values(3, 4, 7), testing::Values(1, 2, 3)));
+                         testing::Values(std::tuple{3, 1}, std::tuple{3, 2}, std::tuple{3, 3},
+                                         std::tuple{4, 1}, std::tuple{4, 2}, std::tuple{7, 1},
+                                         std::tuple{7, 3}, std::tuple{512, 32}));
 
-// The default node size: 511 ascending keys fit the root leaf with its end
-// entry; the 512th splits it into 257 and 256 entries under a new root.
-TEST(TagdbTree, RootSplitsOnceAtTheDefaultNodeSize) {
-    TempDir dir;
-    Tagdb db;
-    TagdbStore* s = openStore(db, dir / "s");
-    ASSERT_EQ(db.start(T::Update), T::Ok);
-    auto name = [](int i) {
-        char buf[16];
-        std::snprintf(buf, sizeof buf, "k%04d", i);
-        return std::string(buf);
-    };
-    for (int i = 1; i <= 511; ++i)
-        ASSERT_EQ(db.set(name(i).c_str(), "v"), T::Ok);
-    EXPECT_EQ(s->nodeCount, 1);
-    ASSERT_EQ(db.set(name(512).c_str(), "v"), T::Ok);
-    TagdbNodeRef root;
-    ASSERT_EQ(s->loadNode(0, root), T::Ok);
-    EXPECT_EQ(root.node->level, 2);
-    ASSERT_EQ(root.node->count, 2);
-    EXPECT_EQ(text(root.node->keys[0]), name(257));
-    EXPECT_EQ(contentOf(s, root.node->values[0].id).size(), 257u);
-    EXPECT_EQ(contentOf(s, root.node->values[1].id).size(), 256u);
-    for (int i = 1; i <= 512; ++i) {
-        char const* v = nullptr;
-        ASSERT_EQ(db.get(name(i).c_str(), v), T::Ok);
-        ASSERT_STREQ(v, "v") << name(i);
+// With M entries a node, M - 1 ascending keys fit the root leaf with its end
+// entry; the M-th splits it under a new root: into 3 and 1 entries for M = 3,
+// into 257 and 256 for the default 512, separated at the split's key.
+TEST(TagdbTree, RootSplitsWhereTheNodeSizeSays) {
+    for (auto [m, left, right] : {std::tuple{3, 3, 1}, {512, 257, 256}}) {
+        TempDir dir;
+        Tagdb db(32, m);
+        TagdbStore* s = openStore(db, dir / "s");
+        ASSERT_EQ(db.start(T::Update), T::Ok);
+        Content all;
+        auto name = [](int i) {
+            char k[16];
+            std::snprintf(k, sizeof k, "k%04d", i);
+            return std::string(k);
+        };
+        for (int i = 1; i <= m; ++i) {
+            ASSERT_EQ(db.set(name(i).c_str(), "v", 1), T::Ok);
+            all[name(i)] = "v";
+            ASSERT_EQ(s->nodeCount, i < m ? 1 : 3) << i;
+        }
+        TagdbNodeRef root, child;
+        ASSERT_EQ(s->loadNode(0, root), T::Ok);
+        EXPECT_EQ(root.node->level, 2);
+        ASSERT_EQ(root.node->count, 2);
+        EXPECT_EQ(text(root.node->keys[0]), name(left));
+        for (int i : {0, 1}) {
+            ASSERT_EQ(s->loadNode(root.node->values[i].id, child), T::Ok);
+            EXPECT_EQ(child.node->count, i ? right : left);
+        }
+        root.release(), child.release();
+        ASSERT_EQ(db.commit(), T::Ok);
+        checkStore(dir, "s", m, all);
     }
-    Content all = walk(db);
-    EXPECT_EQ(all.size(), 512u);
-    ASSERT_EQ(db.commit(), T::Ok);
-    checkCommitted(dir / "s", dir, 512, all);
-}
-
-// What the tree hands back and takes over, and what it refuses.
-TEST(TagdbTree, OwnershipAndRefusals) {
-    TempDir dir;
-    Tagdb db(2, 3);
-    EXPECT_EQ(db.set("k", "v"), T::NotOpen);
-    openStore(db, dir / "s");
-    EXPECT_EQ(db.set("k", "v"), T::NoTransaction);
-    TagdbNodeRef ref;
-    EXPECT_EQ(db.getRef("k", ref), T::NoTransaction);
-    ASSERT_EQ(db.start(T::Update), T::Ok);
-    EXPECT_EQ(db.set(nullptr, "v"), T::Failed);
-    EXPECT_EQ(db.set("k", rec("x")), T::Ok);
-    EXPECT_EQ(db.set("k", rec("y")), T::Ok);  // the first record is released (ASan checks)
-    EXPECT_EQ(db.set("gone", static_cast<TagdbRecord*>(nullptr)), T::Ok);  // absent: no change
-    // A null text stores a record without data: present until it reaches a
-    // file, then read back as no record at all.
-    EXPECT_EQ(db.set("n", static_cast<char const*>(nullptr)), T::Ok);
-    ASSERT_EQ(db.commit(), T::Ok);
-    Tagdb other;
-    openStore(other, dir / "s");
-    ASSERT_EQ(other.start(T::Update), T::Ok);
-    TagdbRecord* r = nullptr;
-    EXPECT_EQ(other.get("n", r), T::Ok);
-    EXPECT_EQ(r, nullptr);
-    EXPECT_EQ(walk(other), (Content{{"k", "y"}}));
-    other.abort();
 }
 
 }  // namespace

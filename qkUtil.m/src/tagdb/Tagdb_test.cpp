@@ -1,7 +1,6 @@
 // Stores and transactions: the files of a store and their exact bytes across
-// commits and aborts, version wrap-around, Recreate, and the deferred log.
-#include <sys/stat.h>
-
+// commits and aborts (early writes by eviction, a freed node, its id used
+// again, version wrap-around), Recreate, and what the operations refuse.
 #include <climits>
 
 #include "TagdbTestUtil.h"
@@ -10,126 +9,146 @@ using namespace tagdbtest;
 
 namespace {
 
-TEST(Tagdb, StoreFilesAcrossCommitsAndAborts) {
-    TempDir dir;
-    Tagdb db(1);
-    TagdbStore* s = openStore(db, dir / "s");
-    EXPECT_TRUE(dir.files().empty());  // opening touches nothing
-
-    ASSERT_EQ(db.start(T::Update), T::Ok);  // a new store: version 1, locked
-    EXPECT_EQ(snapshot(dir), (std::map<std::string, Bytes>{{"s", le(1, 4)}, {"s-lock", {}}}));
-    EXPECT_EQ(contentOf(s, 0), std::vector<std::string>{"<null>"});  // the empty root
-    ASSERT_EQ(db.commit(), T::Ok);  // nothing changed: nothing written, lock gone
-    EXPECT_EQ(snapshot(dir), (std::map<std::string, Bytes>{{"s", le(1, 4)}}));
-
-    ASSERT_EQ(db.start(T::Update), T::Ok);
-    ASSERT_EQ(change(s, 0, {"a", "b"}), T::Ok);
-    ASSERT_EQ(db.commit(), T::Ok);
-    EXPECT_EQ(snapshot(dir),
-              (std::map<std::string, Bytes>{{"s", le(2, 4)},
-                                            {"s-x-2", cat({le(1, 8), le(2, 4)})},
-                                            {"s-0-2", cat({le(1, 4),
-                                                           le(1, 4),
-                                                           le(2, 4),  // leaf, level, count
-                                                           le(4, 4),
-                                                           sz("k0a"),
-                                                           le(1, 4),
-                                                           {'a'},  // key, record
-                                                           le(-1, 4),
-                                                           le(1, 4),
-                                                           {'b'}})}}));  // end entry
-
-    // The next commit supersedes and removes the first one's files.
-    ASSERT_EQ(db.start(T::Update), T::Ok);
-    long long leaf = 0;
-    ASSERT_EQ(addLeaf(s, {"x"}, &leaf), T::Ok);
-    ASSERT_EQ(setRoot(s, {leaf}), T::Ok);
-    ASSERT_EQ(db.commit(), T::Ok);
-    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-3", "s-0-3", "s-1-1"}));
-    EXPECT_EQ(readFile(dir / "s-x-3"), cat({le(2, 8), le(3, 4), le(1, 4)}));
-
-    // An abort removes all it wrote, also what evictions wrote early.
-    auto before = snapshot(dir);
-    ASSERT_EQ(db.start(T::Update), T::Ok);
-    ASSERT_EQ(addLeaf(s, {"y"}, &leaf), T::Ok);
-    ASSERT_EQ(setRoot(s, {1, leaf}), T::Ok);  // evicts the new leaf: written
-    EXPECT_TRUE(dir.files().count("s-2-1"));
-    EXPECT_EQ(db.abort(), T::Aborted);
-    EXPECT_EQ(snapshot(dir), before);
-    EXPECT_EQ(s->version, 0);  // the next start reloads
-
-    Tagdb other;
-    TagdbStore* o = openStore(other, dir / "s");
-    ASSERT_EQ(other.start(T::Deferred), T::Ok);
-    EXPECT_EQ(contentOf(o, 0), std::vector<std::string>{"1"});
-    EXPECT_EQ(contentOf(o, 1), std::vector<std::string>{"x"});
+Bytes storedKey(std::string const& k) {
+    return cat({le(static_cast<long long>(k.size()) + 1, 4), sz(k)});
+}
+Bytes storedText(std::string const& v) {
+    return storedKey(v);  // a text record has the same form: count, bytes, NUL
+}
+Bytes const kNull = le(-1, 4);
+std::string z(std::string s) {
+    return s + '\0';  // a record stored as text
 }
 
-TEST(Tagdb, StoreVersionContinuesAtTwoPastTheInt32Maximum) {
+// Nodes of at most three entries and a cache of one node, so that every
+// load evicts and a changed node reaches its file before the commit.
+TEST(Tagdb, StoreFilesAcrossCommitsAndAborts) {
     TempDir dir;
-    Tagdb db;
-    TagdbStore* s = openStore(db, dir / "s");
+    Tagdb db(1, 3);
+    openStore(db, dir / "s");
+    EXPECT_TRUE(dir.files().empty());  // opening touches nothing
     ASSERT_EQ(db.start(T::Update), T::Ok);
-    ASSERT_EQ(addLeaf(s, {"v"}), T::Ok);
-    ASSERT_EQ(setRoot(s, {1}), T::Ok);
-    ASSERT_EQ(db.commit(), T::Ok);
-    fs::rename(dir / "s-x-2", dir / ("s-x-" + std::to_string(INT_MAX)));
-    writeFile(dir / "s", le(INT_MAX, 4));
+    EXPECT_EQ(snapshot(dir), (std::map<std::string, Bytes>{{"s", le(1, 4)}, {"s-lock", {}}}));
+    ASSERT_EQ(db.commit(), T::Ok);  // nothing changed: nothing written, the lock gone
+    EXPECT_EQ(snapshot(dir), (std::map<std::string, Bytes>{{"s", le(1, 4)}}));
 
+    // The third key splits the root leaf: node 2 (the old root) keeps a, b
+    // and c's record, node 1 the end entry, the new root 0 separates at c.
     ASSERT_EQ(db.start(T::Update), T::Ok);
-    ASSERT_EQ(change(s, 1, {"w"}), T::Ok);
+    for (auto [k, v] : {std::pair{"a", "1"}, {"b", "2"}, {"c", "3"}})
+        ASSERT_EQ(db.set(k, v), T::Ok);
+    ASSERT_EQ(db.commit(), T::Ok);
+    auto committed = snapshot(dir);
+    EXPECT_EQ(committed,
+              (std::map<std::string, Bytes>{
+                  {"s", le(2, 4)},
+                  {"s-x-2", cat({le(3, 8), le(2, 4), le(1, 4), le(1, 4)})},
+                  {"s-0-2",
+                   cat({le(0, 4), le(2, 4), le(2, 4), storedKey("c"), le(2, 8), kNull, le(1, 8)})},
+                  {"s-1-1", cat({le(1, 4), le(1, 4), le(1, 4), kNull, kNull})},
+                  {"s-2-1", cat({le(1, 4), le(1, 4), le(3, 4), storedKey("a"), storedText("1"),
+                                 storedKey("b"), storedText("2"), kNull, storedText("3")})}}));
+
+    // An abort removes what the transaction wrote, early writes included.
+    ASSERT_EQ(db.start(T::Update), T::Ok);
+    for (char const* k : {"a", "b"})
+        ASSERT_EQ(db.set(k, static_cast<TagdbRecord*>(nullptr)), T::Ok);
+    EXPECT_TRUE(dir.files().count("s-2-2"));  // evicted while changed
+    EXPECT_EQ(db.abort(), T::Aborted);
+    EXPECT_EQ(snapshot(dir), committed);
+
+    // Emptying node 2 frees its id; node 1 is untouched and keeps its file.
+    ASSERT_EQ(db.start(T::Update), T::Ok);
+    for (char const* k : {"a", "b", "c"})
+        ASSERT_EQ(db.set(k, static_cast<TagdbRecord*>(nullptr)), T::Ok);
+    ASSERT_EQ(db.commit(), T::Ok);
+    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-3", "s-0-3", "s-1-1"}));
+    EXPECT_EQ(readFile(dir / "s-x-3"), cat({le(3, 8), le(3, 4), le(1, 4), le(-2, 4)}));
+
+    // The next split takes the free id 2 again, under its last version.
+    ASSERT_EQ(db.start(T::Update), T::Ok);
+    for (char const* k : {"d", "e", "f"})
+        ASSERT_EQ(db.set(k, k), T::Ok);
+    ASSERT_EQ(db.commit(), T::Ok);
+    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-4", "s-0-4", "s-1-2", "s-2-2"}));
+
+    // A store version that would pass the int32 maximum continues at 2.
+    fs::rename(dir / "s-x-4", dir / ("s-x-" + std::to_string(INT_MAX)));
+    writeFile(dir / "s", le(INT_MAX, 4));
+    ASSERT_EQ(db.start(T::Update), T::Ok);
+    ASSERT_EQ(db.set("g", "g"), T::Ok);
     ASSERT_EQ(db.commit(), T::Ok);
     EXPECT_EQ(readFile(dir / "s"), le(2, 4));
-    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-2", "s-0-2", "s-1-2"}));
+    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-2", "s-0-4", "s-1-2", "s-2-3"}));
+    checkStore(dir, "s", 3, {{"d", z("d")}, {"e", z("e")}, {"f", z("f")}, {"g", z("g")}});
 }
 
 TEST(Tagdb, RecreateStartsOverWithoutLockOrReading) {
     TempDir dir;
+    fill(dir / "s", {{"old", "1"}});    // version 2
+    fill(dir / "s", {{"older", "2"}});  // version 3
     Tagdb db;
-    TagdbStore* s = openStore(db, dir / "s");
-    for (std::string content : {"old", "older", "new"}) {
-        ASSERT_EQ(db.start(content == "new" ? T::Recreate : T::Update), T::Ok);
-        if (content == "new") {
-            EXPECT_FALSE(fs::exists(dir / "s-lock"));
-            EXPECT_EQ(contentOf(s, 0), std::vector<std::string>{"<null>"});
-        }
-        ASSERT_EQ(change(s, 0, {content}), T::Ok);
-        ASSERT_EQ(db.commit(), T::Ok);
-    }
+    openStore(db, dir / "s");
+    ASSERT_EQ(db.start(T::Recreate), T::Ok);
+    EXPECT_FALSE(fs::exists(dir / "s-lock"));
+    EXPECT_EQ(entries(db), Content{});
+    ASSERT_EQ(db.set("new", "3", 1), T::Ok);
+    ASSERT_EQ(db.commit(), T::Ok);
     EXPECT_EQ(readFile(dir / "s"), le(2, 4));
     // The earlier content's files are neither read nor removed.
     EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-2", "s-0-2", "s-x-3", "s-0-3"}));
     Tagdb other;
-    TagdbStore* o = openStore(other, dir / "s");
+    openStore(other, dir / "s");
     ASSERT_EQ(other.start(T::Update), T::Ok);
-    EXPECT_EQ(contentOf(o, 0), std::vector<std::string>{"new"});
+    EXPECT_EQ(entries(other), (Content{{"new", "3"}}));
 }
 
-TEST(Tagdb, DeferredLogIsAPrivateUniqueFileInTmpdir) {
+// What the operations answer without a store, without a transaction and
+// with bad arguments.
+TEST(Tagdb, RefusalsAndOwnership) {
     TempDir dir;
-    fs::create_directory(dir / "tmp");
-    setenv("TMPDIR", (dir / "tmp").c_str(), 1);
-    Tagdb db;
-    TagdbStore* s = openStore(db, dir / "s");
-    ASSERT_EQ(db.start(T::Deferred), T::Ok);
-    TagdbKey* a = key("a");
-    TagdbRecord* r = rec("1");
-    ASSERT_EQ(s->appendLog(a, r), T::Ok);
-    ASSERT_EQ(s->appendLog(a, nullptr), T::Ok);  // a delete: the empty record
-    a->release();
-    r->release();
-    std::string log = s->logName;
-    EXPECT_EQ(log.substr(0, log.size() - 6), dir / "tmp/tagdb");
-    struct stat st;
-    ASSERT_EQ(stat(log.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    ASSERT_EQ(s->logFile.close(), T::Ok);
-    EXPECT_EQ(readFile(log),
-              cat({le(2, 4), sz("a"), le(1, 4), {'1'}, le(2, 4), sz("a"), le(-1, 4)}));
-    ASSERT_EQ(s->logFile.open(log.c_str(), T::WriteMode), T::Ok);  // open again for the abort
-    EXPECT_EQ(db.abort(), T::Aborted);
-    EXPECT_TRUE(fs::is_empty(dir / "tmp"));
-    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "tmp"}));  // no lock was taken
+    Tagdb db(2, 3);
+    TagdbRecord* r = nullptr;
+    TagdbNodeRef ref;
+    EXPECT_EQ(db.start(T::Update), T::NotOpen);
+    EXPECT_EQ(db.commit(), T::NotOpen);
+    EXPECT_EQ(db.abort(), T::NotOpen);
+    EXPECT_EQ(db.set("k", rec("v")), T::NotOpen);  // the record is released (ASan checks)
+    for (int i = 0; i < Tagdb::kMaxStores; ++i)
+        openStore(db, dir / ("s" + std::to_string(i)));
+    EXPECT_EQ(db.open("17th", TagdbStringKey::newInstance, TagdbBlobRecord::newInstance, nullptr),
+              T::Failed);
+    EXPECT_EQ(db.activate("s99"), T::NotOpen);
+    EXPECT_EQ(db.get("k", r), T::NotOpen);  // no active store is left
+    EXPECT_EQ(db.activate((dir / "s1").c_str(), 2), T::Ok);
+    EXPECT_EQ(db.activate((dir / "s1").c_str(), 600), T::Ok);
+    EXPECT_EQ(db.getMaxEntries(), 3);
+
+    TagdbItr early(&db, "");
+    int more = 0;
+    EXPECT_EQ(early.next(more), T::NoTransaction);
+    EXPECT_EQ(db.commit(), T::NoTransaction);
+    EXPECT_EQ(db.abort(), T::NoTransaction);
+    EXPECT_EQ(db.set("k", "v"), T::NoTransaction);
+    EXPECT_EQ(db.getRef("k", ref), T::NoTransaction);
+    ASSERT_EQ(db.start(T::Update), T::Ok);
+    EXPECT_EQ(db.start(T::Recreate), T::Ok);  // already open: nothing changes
+    EXPECT_EQ(db.getTransMode(), T::Update);
+    EXPECT_EQ(db.set(nullptr, "v"), T::Failed);
+    EXPECT_EQ(db.set("k", rec("y")), T::Ok);
+    // A null text stores a record without data: present until it reaches a
+    // file, then read back as no record at all.
+    EXPECT_EQ(db.set("n", static_cast<char const*>(nullptr)), T::Ok);
+    ASSERT_EQ(db.commit(), T::Ok);
+    Tagdb other;
+    openStore(other, dir / "s1");
+    ASSERT_EQ(other.start(T::Update), T::Ok);
+    EXPECT_EQ(other.get("n", r), T::Ok);
+    EXPECT_EQ(r, nullptr);
+    EXPECT_EQ(entries(other), (Content{{"k", "y"}}));
+    db.close();  // an iterator may outlive its store
+    EXPECT_EQ(early.next(more), T::NotOpen);
+    EXPECT_EQ(early.set("x"), T::NotOpen);
 }
 
 }  // namespace
