@@ -79,7 +79,7 @@ void hostStartup() {
 
 void demoMemory() {
     std::printf("\n== Memory: qkMemory, qkMalloc/qkFree on four threads ==\n");
-    qkMemory::setThreadLimit(16u << 20);     // each worker crosses it once
+    qkMemory::setThreadLimit(16u << 20);  // each worker crosses it once
     Mailbox mail{};
     MEMORY_STATS perWorker[kWorkers];
     std::vector<std::thread> workers;

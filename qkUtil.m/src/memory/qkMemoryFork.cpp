@@ -21,12 +21,14 @@ static void lockAllForFork() {
     qkMemory* m = qkMemory::getManager();
     m->threadLock->lock();
     m->printLock->lock();
-    for (qkMutex* lock : m->allocLock) lock->lock();
+    for (qkMutex* lock : m->allocLock)
+        lock->lock();
 }
 
 static void unlockAllAfterFork() {
     qkMemory* m = qkMemory::getManager();
-    for (int i = kLargeIndex; i >= 0; --i) m->allocLock[i]->unlock();
+    for (int i = kLargeIndex; i >= 0; --i)
+        m->allocLock[i]->unlock();
     m->printLock->unlock();
     m->threadLock->unlock();
 }

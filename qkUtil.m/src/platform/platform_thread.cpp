@@ -131,7 +131,8 @@ bool threadHandleEnded(void* handle) {
     // the kernel to let go of its id, but not for ever: an id reused by a new
     // thread would otherwise keep the record alive.
     pid_t tid = record->tid.load(std::memory_order_relaxed);
-    for (int wait = 0; wait < 200 && !threadIdGone(tid); ++wait) sleepMs(1);
+    for (int wait = 0; wait < 200 && !threadIdGone(tid); ++wait)
+        sleepMs(1);
     record->ended.store(true, std::memory_order_release);
     return true;
 }
