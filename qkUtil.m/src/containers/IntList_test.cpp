@@ -50,6 +50,9 @@ TEST(IntListTest, RandomOperationsMatchTheModel) {
                 i = rnd(0, m.count() + (how ? 2 : 40));
                 flag ? list.setItem(i, v, was) : list.setItem(i, &v, was);
                 m.setAt(i, v, flag || was);  // the value form always unsorts
+            } else if (op == 5 && m.count() && flag) {
+                list.remove(i = rnd(0, m.count() - 1));
+                m.removeAt(i);
             } else if (op == 5) {
                 list.removeAfter(i = rnd(-1, m.count()));
                 while (m.count() - 1 > i)
@@ -95,8 +98,7 @@ TEST(IntListTest, RandomOperationsMatchTheModel) {
                 list = static_cast<IntList&>(copy) = copy;
                 m.capacity = m.count() > 12 ? m.above(m.count() - 1) : 12;
             } else if (flag) {
-                IntList moved(std::move(list));  // takes the heap array, if any
-                list = std::move(moved);
+                list = IntList(std::move(list));  // takes the heap array, if any
             } else {
                 list = IntList(i = rnd(-1, 70));  // zeroed room: setItem beyond the end shows it
                 m = SeqModel<int>(1, i);
