@@ -95,25 +95,33 @@ TEST(PointerListTest, RandomOperationsMatchTheModel) {
                 bool searchable = m.searchable();
                 // Declared sorted over data out of order: order it, so answers are exact.
                 if (searchable && !m.inOrder()) sortBoth(m.order > 0);
-                int after = how ? i : -1;
-                auto [lb, ub] = m.run(t->key, after + 1);
-                int pos = how == 0   ? list->insertSorted(*t)
-                          : how == 1 ? list->insertSortedUniqueAfter(*t, flag, after)
-                                     : list->findSortedAfter(*t, flag, after, how == 3);
-                if (!searchable) {
-                    ASSERT_TRUE(pos == (how ? -2 : -1) && flag == was) << pos;  // found untouched
-                } else if (how == 0) {
-                    // In front of an equal element the halving meets, or where t belongs.
-                    ASSERT_TRUE(pos >= lb && pos <= std::max(lb, ub - 1)) << pos;
-                } else if (flag) {
-                    // With `first`, the lowest equal position in the range.
-                    ASSERT_TRUE(pos >= lb && pos < ub && (how < 3 || pos == lb)) << pos;
-                } else {
-                    // Where t goes, or (findSortedAfter) the last smaller before it.
-                    ASSERT_TRUE(lb == ub && pos == (how == 1 ? lb : std::max({lb - 1, after, -1})));
+                // findSortedAfter from every range start; the inserts from one.
+                for (int after = how > 1 ? -2
+                                 : how   ? i
+                                         : -1,
+                         end = how > 1 ? m.count() : after;
+                     after <= end && !HasFatalFailure(); ++after, flag = was) {
+                    auto [lb, ub] = m.run(t->key, after + 1);
+                    int pos = how == 0   ? list->insertSorted(*t)
+                              : how == 1 ? list->insertSortedUniqueAfter(*t, flag, after)
+                                         : list->findSortedAfter(*t, flag, after, how == 3);
+                    if (!searchable) {
+                        ASSERT_TRUE(pos == (how ? -2 : -1) && flag == was)
+                            << pos;  // found untouched
+                    } else if (how == 0) {
+                        // In front of an equal element the halving meets, or where t belongs.
+                        ASSERT_TRUE(pos >= lb && pos <= std::max(lb, ub - 1)) << pos;
+                    } else if (flag) {
+                        // With `first`, the lowest equal position in the range.
+                        ASSERT_TRUE(pos >= lb && pos < ub && (how < 3 || pos == lb)) << pos;
+                    } else {
+                        // Where t goes, or (findSortedAfter) the last smaller before it.
+                        ASSERT_TRUE(lb == ub &&
+                                    pos == (how == 1 ? lb : std::max({lb - 1, after, -1})));
+                    }
+                    if (searchable && (how == 0 || (how == 1 && !flag)))
+                        m.insertAt(pos, x.release(), 0);
                 }
-                if (searchable && (how == 0 || (how == 1 && !flag)))
-                    m.insertAt(pos, x.release(), 0);
             } else if (op == 8) {
                 int from = rnd(0, m.count());
                 list->clear(from);  // deletes from `from` on, drops the rest
