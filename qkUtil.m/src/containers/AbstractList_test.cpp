@@ -1,23 +1,18 @@
-// The owning pointer lists against a model (a std::vector of the element
-// pointers), over ProbeList, whose elements have a virtual destructor and
-// register while alive. Random sequences of inserts, setItem (beyond the end
-// too), replaceItem, removals, swaps, sorts, sorted searches over every range
-// start, sorted inserts, clears, appends of other lists and iterator scans
-// that remove elements. After every step: the same pointers in the same
-// order, count, capacity, sorted flag and compare function, and exactly the
-// expected elements alive (nothing deleted too early, twice, or never).
+// The owning pointer lists against a model (a vector of the element pointers)
+// over ProbeList, whose elements register while alive: random inserts,
+// setItem beyond the end, replaceItem, removals, swaps, sorts, sorted
+// searches from random range starts, clears, appends of other lists and
+// iterator scans that remove. After every step the list matches the model and
+// exactly the expected elements are alive (none deleted early, twice or never).
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "AbstractListImpl.h"
-#include "IntList.h"
 #include "ListTestSupport.h"
 
 template class AbstractList<Probe, kProbeListName>;
@@ -36,245 +31,133 @@ int qsortAsc(void const* a, void const* b) {
 int qsortDesc(void const* a, void const* b) {
     return qsortAsc(b, a);
 }
-// The compare function of an order of the model.
 ProbeList::CompareFunction function(int order) {
     return order > 0 ? cmpAsc : order < 0 ? cmpDesc : nullptr;
 }
 
-class PointerListModelTest : public ::testing::Test {
-  protected:
-    Rng rnd;
-    std::unique_ptr<ProbeList> list;
-    SeqModel<Probe*> m;
-    std::vector<Probe*> dropped;  // let go by the list, not deleted: the test's own
-
-    Probe* fresh() {
-        int key = rnd(0, 7);
-        return key % 3 == 0 ? new BigProbe(key) : new Probe(key);
-    }
-
-    void expectSame(int step) {
-        SCOPED_TRACE("step " + std::to_string(step));
-        ASSERT_EQ(list->count(), m.count());
-        ASSERT_EQ(list->capacity(), m.capacity);
-        ASSERT_EQ(list->isSorted(), m.sorted);
-        ASSERT_EQ(list->getCompareFunction(), function(m.order));
-        for (int j = 0; j < m.count(); ++j)
-            ASSERT_EQ(list->item(j), m.items[size_t(j)]) << "at " << j;
-        std::vector<Probe const*> alive(m.items.begin(), m.items.end());
-        alive.insert(alive.end(), dropped.begin(), dropped.end());
-        std::sort(alive.begin(), alive.end());
-        ASSERT_TRUE(
-            std::equal(alive.begin(), alive.end(), Probe::live().begin(), Probe::live().end()));
-        for (Probe* p : dropped)
-            delete p;
-        dropped.clear();
-    }
-
-    void stepInsert() {
-        Probe* t = fresh();
-        int i = rnd(-3, m.count() + 3);
-        bool byRef = rnd.coin(), unsort = true;
-        switch (rnd(0, 3)) {
-            case 0:
-                byRef ? list->append(*t) : list->append(t), i = m.count();
-                break;
-            case 1:
-                byRef ? list->prepend(*t) : list->prepend(t), i = 0;
-                break;
-            case 2:
-                byRef ? list->insert(i, *t) : list->insert(i, t);
-                break;
-            default:
-                list->insertItem(i, t, unsort = rnd.coin());
-        }
-        m.insertAt(i, t, unsort);
-    }
-
-    // setItem and replaceItem at a present position, or setItem beyond the
-    // end: the positions passed over read as null until they are filled.
-    void stepReplace() {
-        int i = rnd.coin() ? rnd(0, m.count() + 20) : rnd(-1, m.count() - 1);
-        bool unsort = rnd.coin();
-        if (i < 0) return;
-        if (i >= m.count()) {
-            int gapFrom = m.count();
-            Probe* t = fresh();
-            list->setItem(i, t, unsort);
-            m.setAt(i, t, unsort);
-            for (int j = gapFrom; j < i; ++j) {
-                ASSERT_EQ(list->item(j), nullptr) << j;
-                list->setItem(j, m.items[size_t(j)] = fresh(), unsort);
-            }
-            return;
-        }
-        Probe* old = m.items[size_t(i)];
-        Probe* t = rnd(0, 3) == 0 ? old : fresh();  // storing the very same pointer keeps it
-        bool viaSet = rnd.coin(), deleteOld = rnd.coin();
-        viaSet ? list->setItem(i, t, unsort) : list->replaceItem(i, t, deleteOld, unsort);
-        if (t != old && (viaSet || !deleteOld)) dropped.push_back(old);
-        m.setAt(i, t, unsort);
-    }
-
-    void stepRemove() {
-        if (m.count() == 0) return;
-        int i = rnd(0, m.count() - 1), j = rnd(0, m.count() - 1);
-        switch (rnd(0, 2)) {
-            case 0:
-                list->remove(i);
-                dropped.push_back(m.items[size_t(i)]);
-                return m.removeAt(i);
-            case 1:
-                list->removeAndDelete(i);
-                return m.removeAt(i);
-            default:
-                list->swap(i, j);
-                std::swap(m.items[size_t(i)], m.items[size_t(j)]);
-                m.sorted = false;
-        }
-    }
-
-    // qsort is not stable: take the list's order, once it is in key order (an
-    // element lost or doubled shows in the live set).
-    void sortBoth(bool asc) {
-        list->sort(asc ? qsortAsc : qsortDesc);
-        for (int j = 0; j < m.count(); ++j)
-            m.items[size_t(j)] = list->item(j);
-        ASSERT_TRUE(std::is_sorted(m.items.begin(), m.items.end(), [&](Probe* a, Probe* b) {
-            return (asc ? cmpAsc : cmpDesc)(*a, *b) < 0;
-        }));
-    }
-
-    void stepOrder() {
-        switch (rnd(0, 2)) {
-            case 0: {
-                int order = rnd(-1, 1);
-                bool declare = rnd.coin();
-                list->setCompareFunction(function(order), declare);
-                return m.setOrder(order, declare);
-            }
-            case 1:
-                return sortBoth(rnd.coin());  // the flag stays as it was
-            default:
-                list->sorted(), m.sorted = true;
-        }
-    }
-
-    void stepSearch() {
-        std::unique_ptr<Probe> x(fresh());
-        bool searchable = m.searchable();
-        // Declared sorted over data out of order: order it, so answers are exact.
-        if (searchable && !m.inOrder()) sortBoth(m.order > 0);
-        int op = rnd(0, 3);
-        if (op == 3) return searchEveryRange(*x, searchable);
-        int after = op == 2 && rnd.coin() ? rnd(-3, m.count() + 1) : -1;
-        auto [lb, ub] = m.run(x->key, after + 1);
-        bool found = rnd.coin(), was = found;
-        int pos = op == 0   ? list->insertSorted(*x)
-                  : op == 1 ? list->insertSortedUnique(*x, found)
-                            : list->insertSortedUniqueAfter(*x, found, after);
-        if (!searchable) {
-            ASSERT_EQ(pos, op == 0 ? -1 : -2);
-            ASSERT_EQ(found, was);  // untouched
-        } else if (op == 0) {
-            // In front of an equal element the halving meets, or where x belongs.
-            ASSERT_TRUE(pos >= lb && pos <= std::max(lb, ub - 1)) << pos;
-            m.insertAt(pos, x.release(), false);
-        } else if (found) {
-            ASSERT_LT(lb, ub);
-            ASSERT_TRUE(pos >= lb && pos < ub) << pos;  // x stays the caller's
-        } else {
-            ASSERT_EQ(lb, ub);
-            ASSERT_EQ(pos, std::min(lb, m.count()));
-            m.insertAt(pos, x.release(), false);
-        }
-    }
-
-    // findSortedAfter for every range start, with and without `first`.
-    void searchEveryRange(Probe const& x, bool searchable) {
-        for (int after = -2; after <= m.count(); ++after) {
-            for (bool first : {false, true}) {
-                bool found = first;
-                int pos = list->findSortedAfter(x, found, after, first);
-                if (!searchable) {
-                    ASSERT_TRUE(pos == -2 && found == first);
-                    continue;
+TEST(PointerListTest, RandomOperationsMatchTheModel) {
+    for (unsigned seed = 1; seed <= 40; ++seed) {
+        Rng rnd{std::mt19937(seed)};
+        int room = rnd(0, 70);
+        auto list = std::make_unique<ProbeList>(room);
+        SeqModel<Probe*> m(0, room);
+        std::vector<Probe*> dropped;  // let go by the list, not deleted: the test's own
+        auto fresh = [&] { return new Probe(rnd(0, 7)); };
+        // qsort is not stable: the model takes the list's order (a search finds it out of order).
+        auto sortBoth = [&](bool asc) {
+            list->sort(asc ? qsortAsc : qsortDesc);
+            for (int j = 0; j < m.count(); ++j)
+                m.items[size_t(j)] = list->item(j);
+        };
+        for (int step = 0; step < 1200 && !HasFatalFailure(); ++step) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step));
+            int i = rnd(-3, m.count() + 3), j = m.count() ? rnd(0, m.count() - 1) : -1;
+            int op = rnd(0, 9), how = rnd(0, 3);
+            bool flag = rnd.coin(), was = flag;
+            std::unique_ptr<Probe> x(fresh());  // released when the list takes it
+            Probe* t = x.get();
+            if (op <= 2) {
+                x.release();
+                if (how == 0) i = m.count(), flag ? list->append(*t) : list->append(t);
+                if (how == 1) i = 0, flag ? list->prepend(*t) : list->prepend(t);
+                if (how == 2) flag ? list->insert(i, *t) : list->insert(i, t);
+                if (how == 3) list->insertItem(i, t, flag);
+                m.insertAt(i, t, how < 3 || flag);
+            } else if (op == 3 && (flag || j < 0)) {
+                // setItem beyond the end: the positions passed over read as null.
+                int gap = m.count();
+                x.release();
+                list->setItem(i = gap + rnd(0, 20), t, how % 2);
+                m.setAt(i, t, how % 2);
+                for (int k = gap; k < i; ++k) {
+                    ASSERT_EQ(list->item(k), nullptr) << k;
+                    list->setItem(k, m.items[size_t(k)] = fresh(), how % 2);
                 }
-                auto [lb, ub] = m.run(x.key, after + 1);
-                int absent = std::max(lb - 1, std::max(after, -1));  // the last smaller
-                ASSERT_EQ(found, lb < ub) << after;
-                if (!found || first) {
-                    ASSERT_EQ(pos, found ? lb : absent) << after << first;
-                } else {
-                    ASSERT_TRUE(pos >= lb && pos < ub) << after;
+            } else if (op == 3) {
+                Probe* old = m.items[size_t(j)];
+                t = how == 0 ? old : x.release();  // storing the very same pointer keeps it
+                bool viaSet = rnd.coin(), deleteOld = rnd.coin();
+                viaSet ? list->setItem(j, t, flag) : list->replaceItem(j, t, deleteOld, flag);
+                if (t != old && (viaSet || !deleteOld)) dropped.push_back(old);
+                m.setAt(j, t, flag);
+            } else if (op == 4 && j >= 0) {
+                int k = rnd(0, m.count() - 1);
+                if (how == 0) list->swap(j, k), std::swap(m.items[size_t(j)], m.items[size_t(k)]);
+                if (how == 1) list->remove(j), dropped.push_back(m.items[size_t(j)]);
+                if (how == 2) list->removeAndDelete(j);
+                how == 0 ? void(m.sorted = false) : how < 3 ? m.removeAt(j) : void();
+            } else if (op == 5) {
+                if (how == 0)
+                    list->setCompareFunction(function(i % 2), flag), m.setOrder(i % 2, flag);
+                if (how == 1) sortBoth(flag);  // the flag stays as it was
+                if (how == 2) list->sorted(), m.sorted = true;
+            } else if (op <= 7) {
+                bool searchable = m.searchable();
+                // Declared sorted over data out of order: order it, so answers are exact.
+                if (searchable && !m.inOrder()) sortBoth(m.order > 0);
+                // findSortedAfter from every range start; the inserts from one.
+                for (int after = how > 1 ? -2
+                                 : how   ? i
+                                         : -1,
+                         end = how > 1 ? m.count() : after;
+                     after <= end && !HasFatalFailure(); ++after, flag = was) {
+                    auto [lb, ub] = m.run(t->key, after + 1);
+                    int pos = how == 0   ? list->insertSorted(*t)
+                              : how == 1 ? list->insertSortedUniqueAfter(*t, flag, after)
+                                         : list->findSortedAfter(*t, flag, after, how == 3);
+                    if (!searchable) {
+                        ASSERT_TRUE(pos == (how ? -2 : -1) && flag == was)
+                            << pos;  // found untouched
+                    } else if (how == 0) {
+                        // In front of an equal element the halving meets, or where t belongs.
+                        ASSERT_TRUE(pos >= lb && pos <= std::max(lb, ub - 1)) << pos;
+                    } else if (flag) {
+                        // With `first`, the lowest equal position in the range.
+                        ASSERT_TRUE(pos >= lb && pos < ub && (how < 3 || pos == lb)) << pos;
+                    } else {
+                        // Where t goes, or (findSortedAfter) the last smaller before it.
+                        ASSERT_TRUE(lb == ub &&
+                                    pos == (how == 1 ? lb : std::max({lb - 1, after, -1})));
+                    }
+                    if (searchable && (how == 0 || (how == 1 && !flag)))
+                        m.insertAt(pos, x.release(), 0);
                 }
-            }
-        }
-    }
-
-    void stepBulk() {
-        switch (rnd(0, 2)) {
-            case 0: {
+            } else if (op == 8) {
                 int from = rnd(0, m.count());
                 list->clear(from);  // deletes from `from` on, drops the rest
-                for (int j = 0; j < from; ++j)
-                    dropped.push_back(m.items[size_t(j)]);
+                dropped.insert(dropped.end(), m.items.begin(), m.items.begin() + from);
                 m = SeqModel<Probe*>(m.order);
-                return;
-            }
-            case 1: {
+            } else if (how == 0) {
                 // The other list's pointers move over; it gives them up.
                 ProbeList other;
-                for (int n = rnd(0, 20); n > 0; --n) {
-                    other.append(fresh());
-                    m.insertAt(m.count(), other.item(other.count() - 1));
-                }
+                for (int n = rnd(0, 20); n > 0; --n)
+                    other.append(fresh()), m.insertAt(m.count(), other.item(other.count() - 1));
                 list->append(other);
-                return other.removeAll();
+                other.removeAll();
+            } else {
+                // A scan that drops the elements with odd keys visits each once, in order.
+                AbstractList_Iterator<ProbeList> it(*list);
+                for (Probe* p : std::vector<Probe*>(m.items)) {
+                    ASSERT_TRUE(it.more() && it.next() && &*it == p && &it.curRef() == &*it);
+                    if (p->key % 2 == 0) continue;
+                    it.removeCur();
+                    dropped.push_back(p);
+                    m.removeAt(int(std::find(m.items.begin(), m.items.end(), p) - m.items.begin()));
+                }
+                ASSERT_FALSE(it.more() || it.next());
             }
-            default:
-                scanAndRemove();
-        }
-    }
-
-    // Walks the list with an iterator, dropping elements with odd keys; every
-    // element must be visited once, in order.
-    void scanAndRemove() {
-        AbstractList_Iterator<ProbeList> it(*list);
-        for (Probe* p : std::vector<Probe*>(m.items)) {
-            ASSERT_TRUE(it.more() && it.next());
-            ASSERT_TRUE(&*it == p && &it.curRef() == it.operator->());
-            if (p->key % 2 == 0) continue;
-            it.removeCur();
-            dropped.push_back(p);
-            m.removeAt(int(std::find(m.items.begin(), m.items.end(), p) - m.items.begin()));
-        }
-        ASSERT_FALSE(it.more() || it.next());
-    }
-
-    void run(unsigned seed, int steps) {
-        using S = PointerListModelTest;
-        // Each step is listed once per unit of its weight.
-        void (S::*const table[])() = {
-            &S::stepInsert,  &S::stepInsert, &S::stepInsert, &S::stepInsert, &S::stepReplace,
-            &S::stepReplace, &S::stepRemove, &S::stepRemove, &S::stepOrder,  &S::stepSearch,
-            &S::stepSearch,  &S::stepSearch, &S::stepBulk,   &S::stepBulk};
-        rnd.gen.seed(seed);
-        int n = rnd(0, 70);
-        list = std::make_unique<ProbeList>(n);
-        m = SeqModel<Probe*>(0, n);
-        for (int s = 0; s < steps && !HasFatalFailure(); ++s) {
-            (this->*table[rnd(0, std::size(table) - 1)])();
-            if (!HasFatalFailure()) expectSame(s);
+            x.reset();  // an element no one took
+            ASSERT_NO_FATAL_FAILURE(expectSame(*list, m, function));
+            std::set<Probe const*> alive(m.items.begin(), m.items.end());
+            alive.insert(dropped.begin(), dropped.end());
+            ASSERT_EQ(alive, Probe::live());
+            for (Probe* p : dropped)
+                delete p;
+            dropped.clear();
         }
         list.reset();  // the destructor deletes what the list still holds
         ASSERT_TRUE(Probe::live().empty());
     }
-};
-
-TEST_F(PointerListModelTest, RandomOperationsMatchTheModel) {
-    for (unsigned seed = 1; seed <= 40 && !HasFatalFailure(); ++seed)
-        run(seed, 1200);
 }
 
 TEST(PointerListTest, PrintOffsetsAppendsOneLinePerField) {
