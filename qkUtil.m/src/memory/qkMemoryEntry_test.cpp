@@ -1,8 +1,6 @@
 // The library's operator new / delete with the manager in place: where each
 // form routes, what a refused request does, and the caller tags that
-// getCaller gives the operators. (The plain entry points are driven by the
-// heap model.)
-#include <cstring>
+// getCaller gives the operators.
 #include <new>
 
 #include "memory/qkMemoryTestUtil.h"
@@ -10,15 +8,6 @@
 namespace {
 
 using namespace qktest;
-
-// Whether the process's operator new is the library's: the sanitizers bring
-// their own, which then serves the whole process instead.
-bool libraryOperatorNew() {
-    void* p = ::operator new(100);
-    bool ours = qkMemSize(p) != 0;
-    ::operator delete(p);
-    return ours;
-}
 
 __attribute__((noinline)) void* callerOfGetCaller() {
     void* caller = getCaller(16);
@@ -28,7 +17,7 @@ __attribute__((noinline)) void* callerOfGetCaller() {
 
 __attribute__((noinline)) void deleteIt(int* p) {
     delete p;
-    asm volatile("");  // keeps the call from becoming a tail jump
+    asm volatile("");
 }
 
 // Whether `address` (or its low 32 bits) lies just inside `function`.
@@ -38,11 +27,14 @@ bool inside(uintptr_t address, void* function) {
     return address > f && address < f + 128;
 }
 
-TEST(qkMemoryEntry, GetCallerAndTheOperatorsTagTheCallSite) {
-    void* caller = callerOfGetCaller();
-    EXPECT_TRUE(
-        inside(reinterpret_cast<uintptr_t>(caller), reinterpret_cast<void*>(&callerOfGetCaller)));
-    if (!libraryOperatorNew()) GTEST_SKIP() << "operator new is the sanitizer's";
+TEST(qkMemoryEntry, TheOperatorsRouteEveryFormAndTagTheCallSite) {
+    EXPECT_TRUE(inside(reinterpret_cast<uintptr_t>(callerOfGetCaller()),
+                       reinterpret_cast<void*>(&callerOfGetCaller)));
+    char* one = new char[100];
+    // The sanitizers bring their own operator new, which then serves the process.
+    if (qkMemSize(one) == 0) GTEST_SKIP() << "operator new is the sanitizer's";
+    EXPECT_EQ(qkMemSize(one), 128u);
+    delete[] one;
     Warnings::install();
     int* p = new int(1);
     deleteIt(p);
@@ -51,13 +43,7 @@ TEST(qkMemoryEntry, GetCallerAndTheOperatorsTagTheCallSite) {
     std::string got = Warnings::take();
     ASSERT_EQ(std::sscanf(got.c_str(), "duplicate free (0x%x:0)\n", &tag), 1) << got;
     EXPECT_TRUE(inside(tag, reinterpret_cast<void*>(&deleteIt))) << got;
-}
 
-TEST(qkMemoryEntry, EveryFormOfNewAndDeleteRoutesConsistently) {
-    if (!libraryOperatorNew()) GTEST_SKIP() << "operator new is the sanitizer's";
-    char* one = new char[100];
-    EXPECT_EQ(qkMemSize(one), 128u);
-    delete[] one;
     struct alignas(64) Wide {
         char bytes[64];
     };
@@ -66,7 +52,6 @@ TEST(qkMemoryEntry, EveryFormOfNewAndDeleteRoutesConsistently) {
     EXPECT_EQ(qkMemSize(wide), 0u);  // the C runtime's aligned heap
     delete[] wide;
     ::operator delete(qk::platform::rawAlloc(24));  // a block of the C runtime
-
     // A refused request consults the new handler, then fails its way.
     EXPECT_EQ(::operator new (size_t{1} << 31, std::nothrow), nullptr);
     static int handlerRuns = 0;

@@ -4,8 +4,6 @@
 // order on which path, with which text; the high-water marks and the advisory
 // query follow the same statistics. Then the warning line itself.
 #include <cstdio>
-#include <cstring>
-#include <random>
 
 #include "memory/qkMemoryTestUtil.h"
 
@@ -32,17 +30,9 @@ bool crosses(unsigned long long limit, long long old, long long now) {
 // A new limit: none, exactly the summary's value or a superblock above it
 // (the edges of the rule), or near it.
 unsigned long long nearLimit(std::mt19937& rng, long long bytes) {
-    long long limit = bytes + static_cast<long long>(rng() % 60000) - 20000;
-    switch (rng() % 6) {
-        case 0:
-            return 0;
-        case 1:
-            return bytes;
-        case 2:
-            return bytes + 16384;
-        default:
-            return limit < 1 ? 1 : static_cast<unsigned long long>(limit);
-    }
+    long long near = bytes + static_cast<long long>(rng() % 60000) - 20000;
+    long long const picks[] = {0, bytes, bytes + 16384, std::max(near, 1LL)};
+    return static_cast<unsigned long long>(picks[std::min<unsigned>(rng() % 6, 3)]);
 }
 
 TEST(qkMemoryLimits, CrossingsHighwaterAndTheAdvisoryQueryFollowTheStatistics) {
@@ -90,10 +80,10 @@ TEST(qkMemoryLimits, CrossingsHighwaterAndTheAdvisoryQueryFollowTheStatistics) {
                 long long systemOld = system.bytes, threadOld = thread.bytes;
                 void* p = grow ? qkRealloc(live.back().first, size, tag, step)
                                : qkMalloc(size, tag, step);
-                bool s = crosses(systemLimit, systemOld, system.bytes);
-                bool t = crosses(threadLimit, threadOld, thread.bytes);
+                bool sys = crosses(systemLimit, systemOld, system.bytes);
+                bool thr = crosses(threadLimit, threadOld, thread.bytes);
                 bool handler = qkMemory::_memoryErrorHandler != nullptr;
-                crossed[size > 512] += s || t;
+                crossed[size > 512] += sys || thr;
                 auto warning = [&](char const* which) {
                     char line[128];
                     std::snprintf(line, sizeof line, "%s memory limit exceeded (0x%x:%d)\n", which,
@@ -102,13 +92,13 @@ TEST(qkMemoryLimits, CrossingsHighwaterAndTheAdvisoryQueryFollowTheStatistics) {
                 };
                 want.clear();
                 if (size <= 512) {  // warned always, then the handler hears
-                    if (s) warning("system");
-                    if (t) warning("thread");
-                    if (s && handler) want += "handler system\n";
-                    if (t && handler) want += "handler thread\n";
+                    if (sys) warning("system");
+                    if (thr) warning("thread");
+                    if (sys && handler) want += "handler system\n";
+                    if (thr && handler) want += "handler thread\n";
                 } else if (handler) {  // the handler hears, then the warning
-                    if (s) want += "handler system\n", warning("system");
-                    if (t) want += "handler thread\n", warning("thread");
+                    if (sys) want += "handler system\n", warning("system");
+                    if (thr) want += "handler thread\n", warning("thread");
                 }
                 EXPECT_EQ(journal, want) << "step " << step;
                 if (grow) live.pop_back();
@@ -132,20 +122,19 @@ TEST(qkMemoryLimits, CrossingsHighwaterAndTheAdvisoryQueryFollowTheStatistics) {
     });
 }
 
-// A print function that warns itself: the inner warning is dropped, and the
-// lock is not taken twice in a way that would hang.
+// Without a print function a warning goes to standard output; a line is cut
+// to its 1024-byte buffer; a warning from inside the print function is
+// dropped (and the print lock is not taken twice in a way that would hang).
 std::vector<std::string> printed;
-void reentrantPrint(char const* text) {
-    printed.push_back(text);
-    qkMemory::warn("inner", "x", 1);
-}
 
 TEST(qkMemoryWarn, TheLineIsCutToItsBufferAndAWarningFromThePrintFunctionIsDropped) {
-    testing::internal::CaptureStdout();  // without a print function: standard output
+    testing::internal::CaptureStdout();
     qkMemory::warn("plain", reinterpret_cast<char const*>(0xABCDEF0123456789ULL), -3);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "plain (0x23456789:-3)\n");
-    qkMemory::setPrintFunction(reentrantPrint);
-    EXPECT_EQ(qkMemory::getPrintFunction(), reentrantPrint);
+    qkMemory::setPrintFunction([](char const* text) {
+        printed.push_back(text);
+        qkMemory::warn("inner", "x", 1);
+    });
     qkMemory::warn(std::string(2000, 'm').c_str(), nullptr, 0);
     qkMemory::warn("outer", "y", 2);
     ASSERT_EQ(printed.size(), 2u);

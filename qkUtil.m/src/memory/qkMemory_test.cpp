@@ -1,10 +1,10 @@
 // The allocator core: the block layout and one thread's heap against a
 // model, blocks released by other threads, the keep pool and the heaps of
-// ended threads, and tuning. Each scenario runs on threads of
-// its own, so that it starts from an empty heap.
-#include <set>
+// ended threads, tuning, and threads handing blocks to each other. Each
+// scenario runs on threads of its own, so that it starts from an empty heap.
+#include <mutex>
 
-#include "memory/qkMemoryModel.h"
+#include "memory/qkMemoryTestUtil.h"
 
 namespace {
 
@@ -18,50 +18,17 @@ TEST(qkMemoryCore, OneThreadAgainstAModel) {
     onFreshThread([] { runModel(12345, 60000); });
 }
 
-// Another thread's releases wait on their superblock until the owner has no
-// other free block; then they come back under the bucket's lock (the
-// superblock leaves the reclaim list). When every block handed out came back
-// that way, the owner takes them in place.
-TEST(qkMemoryCore, RemoteReleasesWaitUntilTheOwnerRunsDry) {
-    onFreshThread([] {
-        std::vector<void*> mine;  // 224-byte blocks, 67 a superblock
-        for (int i = 0; i < 10; ++i)
-            mine.push_back(qkMalloc(200, "own", i));
-        MEMORY_SUPERBLOCK* sb = superblockOf(mine[0]);
-        std::set<void*> parked = {mine[2], mine[5], mine[7]};
-        onThread([&] {
-            for (void* p : parked)
-                qkFree(p, "remote", 0);
-        });
-        for (int i = 10; i < 67; ++i) {
-            mine.push_back(qkMalloc(200, "own", i));
-            ASSERT_EQ(parked.count(mine.back()), 0u) << "a parked block came out early";
-        }
-        EXPECT_TRUE(sb->reclaim.linked());
-        for (int i : {2, 5, 7})
-            EXPECT_EQ(parked.count(mine[i] = qkMalloc(200, "own", i)), 1u);
-        EXPECT_FALSE(sb->reclaim.linked());
-        onThread([&] {
-            for (void* p : mine)
-                qkFree(p, "remote", 1);
-        });
-        EXPECT_EQ(qkMalloc(200, "again", 0), mine.back());  // the last one parked
-        EXPECT_EQ(sb->allocCount, 1);
-        EXPECT_EQ(sb->freeCount.load(), 0);
-    });
-}
-
-// An idle superblock goes to the keep pool unless it is its thread's last one
-// of the bucket; a keep limit of 65536 bytes gives each of the 16 buckets a
-// share of 4096, so the next idle one goes back to the system. A thread that
-// ends leaves its heap; the next thread that needs one adopts it with its
-// statistics, and of several dead heaps the one met last (the oldest) is
-// adopted and the others are dismantled.
+// An idle superblock goes to the keep pool unless it is its thread's last
+// one of the bucket; a keep limit of 65536 bytes gives each of the 16 buckets
+// 4096, so the next idle one goes back to the system. A thread that ends
+// leaves its heap; the next thread that needs one adopts it with its
+// statistics, and of several dead heaps the oldest is adopted and the others
+// are dismantled.
 TEST(qkMemoryCore, IdleSuperblocksAndTheHeapsOfEndedThreads) {
     qkMemory* m = mgr();
     MEMORY_SUPERBLOCK *first = nullptr, *last = nullptr;
     MEMORY_THREAD* heap = nullptr;
-    MEMORY_STATS before{};
+    long long bytes = 0;
     void* left[2];
     qkMemory::setKeepLimit(4 * 16384);
     onFreshThread([&] {
@@ -80,19 +47,14 @@ TEST(qkMemoryCore, IdleSuperblocksAndTheHeapsOfEndedThreads) {
         EXPECT_EQ(last->thread.load(), heap);
         left[0] = qkMalloc(300, "left", 0);
         left[1] = qkMalloc(5000, "left", 1);
-        before = qkMemory::loadStats(qkMemory::getThreadStats());
-        checkHeap(heap);
-        checkHeap(nullptr);
+        bytes = qkMemory::loadStats(qkMemory::getThreadStats()).bytes;
     });
     onThread([&] {
         EXPECT_EQ(qkMemoryThread(), heap);
-        MEMORY_STATS now = qkMemory::loadStats(qkMemory::getThreadStats());
-        EXPECT_EQ(now.bytes, before.bytes);
-        EXPECT_EQ(now.count, before.count);
+        EXPECT_EQ(qkMemory::loadStats(qkMemory::getThreadStats()).bytes, bytes);
         void* p = qkMalloc(150, "adopt", 0);
         EXPECT_EQ(superblockOf(p), last);
-        qkFree(p, "adopt", 1);
-        for (void* q : left)
+        for (void* q : {p, left[0], left[1]})
             qkFree(q, "left", 0);  // its own blocks now
         // A thread running beside this one makes a heap of its own and takes
         // the kept superblock; it ends with a block still in use.
@@ -120,7 +82,7 @@ TEST(qkMemoryCore, TuningAddsABucketForTheBusiestRange) {
         for (long long i = 0; i < count; ++i)
             qkFree(qkMalloc(size, "tune", 0), "tune", 0);
     };
-    onThread([] {  // leaves two idle 128-byte superblocks behind
+    onThread([] {  // leaves idle 128-byte superblocks behind
         void* blocks[120];
         for (void*& p : blocks)
             p = qkMalloc(120, "idle", 0);
@@ -135,23 +97,110 @@ TEST(qkMemoryCore, TuningAddsABucketForTheBusiestRange) {
         EXPECT_EQ(m->buckets, 16);  // tuning starts above the limit
         request(100, 1);
         ASSERT_EQ(m->buckets, 17);
-        EXPECT_EQ(m->bucketSize[16], 104);
         EXPECT_EQ(m->allocLimit, 400000);
         EXPECT_EQ(m->keepStats[3].count, 0);
-        for (int s = 0; s <= 512; ++s) {
-            int expected = (s >= 97 && s <= 104) ? 16 : (s == 0 ? 0 : (s - 1) / 32);
-            ASSERT_EQ(m->bucketNumber[s], expected) << "size " << s;
-        }
+        for (int s = 0; s <= 512; ++s)
+            ASSERT_EQ(m->bucketNumber[s], s >= 97 && s <= 104 ? 16 : s == 0 ? 0 : (s - 1) / 32);
         void* tuned = qkMalloc(100, "tuned", 0);
         EXPECT_EQ(qkMemSize(tuned), 104u);
         EXPECT_EQ(superblockOf(tuned)->blockCount, 16288 / 120);
         EXPECT_EQ(qkMemSize(early), 128u);
-        request(200, 400000 - m->allocCount);
-        EXPECT_EQ(m->buckets, 17);
-        request(200, 1);
+        request(200, 400000 - m->allocCount + 1);
         EXPECT_EQ(m->bucketSize[17], 200);
         checkHeap(qkMemoryThread());
     });
+}
+
+// Waves of workers hand blocks to each other through an exchange while
+// threads end and new ones adopt their heaps: blocks of dead threads are
+// still in transit and get released into heaps that were adopted or
+// dismantled meanwhile. Each block's pattern is checked when it is released.
+struct Exchange {
+    struct Item {
+        void* p;
+        size_t size;
+        uint32_t seed;
+    };
+    std::mutex lock;
+    std::vector<Item> items;
+    std::atomic<int> corrupt{0};
+
+    void release(Item const& item) {
+        corrupt += !intact(item.p, item.size, item.seed);
+        qkFree(item.p, "stress", 0);
+    }
+    // Keeps up to 200 blocks of its own, hands about half of what it makes
+    // to the others, and releases what it takes from them.
+    void worker(uint32_t seed, int steps) {
+        std::mt19937 rng(seed);
+        std::vector<Item> mine;
+        for (int step = 0; step < steps; ++step) {
+            unsigned op = rng() % 4;
+            if (op < 2 && mine.size() < 200) {
+                size_t size = randomSize(rng);
+                Item item{qkMalloc(size, "stress", step), size, static_cast<uint32_t>(rng())};
+                stamp(item.p, item.size, item.seed);
+                std::lock_guard<std::mutex> hold(lock);
+                (op == 0 ? mine : items).push_back(item);
+                continue;
+            }
+            std::vector<Item>& from = op == 2 && !mine.empty() ? mine : items;
+            std::unique_lock<std::mutex> hold(lock);
+            if (from.empty()) continue;
+            size_t i = rng() % from.size();
+            Item item = from[i];
+            from[i] = from.back();
+            from.pop_back();
+            hold.unlock();
+            release(item);
+        }
+        for (Item& left : mine)
+            release(left);
+    }
+};
+
+// With every worker gone and every block released, all their superblocks end
+// in the keep pool with nothing in use, and the system statistics are the
+// keep pool plus what the live (main) thread holds.
+void stress(int waves, int threadsPerWave, int steps) {
+    Exchange exchange;
+    for (int wave = 0; wave < waves; ++wave) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < threadsPerWave; ++t)
+            threads.emplace_back(&Exchange::worker, &exchange, wave * 100 + t, steps);
+        for (auto& t : threads)
+            t.join();
+    }
+    onThread([&] {
+        for (auto& item : exchange.items)
+            exchange.release(item);
+    });
+    EXPECT_EQ(exchange.corrupt.load(), 0);
+    std::vector<Exchange::Item>().swap(exchange.items);  // made by the workers
+    qkMemory* m = mgr();
+    qkMemoryInternals::dismantleDead(m);
+    checkHeap(nullptr);
+    MEMORY_THREAD* mainHeap = qkMemoryThread();
+    long long total = 0;
+    for (int b = 0; b < kBucketLimit; ++b) {
+        for (LinkedList* n = m->keep[b].next(); n->ref(); n = n->next()) {
+            auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+            EXPECT_EQ(sb->allocCount, sb->freeCount.load()) << "a block is still in use";
+        }
+        EXPECT_EQ(m->systemStats[b].count, m->keepStats[b].count + mainHeap->stats[b].count);
+        total += m->systemStats[b].bytes;
+    }
+    EXPECT_EQ(m->systemStats[kLargeIndex].bytes, mainHeap->stats[kLargeIndex].bytes);
+    EXPECT_EQ(m->summarySystemStats.bytes, total + m->systemStats[kLargeIndex].bytes);
+}
+
+TEST(qkMemoryStress, ThreadsHandBlocksToEachOtherAndEverythingComesBack) {
+    stress(3, 4, 20000);
+}
+
+TEST(qkMemoryStress, UnderAKeepLimitEverythingComesBackToo) {
+    qkMemory::setKeepLimit(4 * 16384);
+    stress(2, 3, 20000);
 }
 
 }  // namespace

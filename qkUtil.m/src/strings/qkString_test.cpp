@@ -1,18 +1,21 @@
-// qkString on one thread: a model of the representation rules (null, inline
-// up to 31 bytes, heap capacity len + 32 from resize and n * 3 / 2 + 32 from
-// appends, sharing on assignment, unsharing before every write) over plain
+// qkString: a model of the representation rules (null, inline up to 31
+// bytes, heap capacity len + 32 from resize and n * 3 / 2 + 32 from appends,
+// sharing on assignment, unsharing before every write) over plain
 // std::strings and block numbers, run side by side with real strings under
-// random operations, sources inside the strings' own texts included; and the
-// debugger script's lines.
+// random operations, sources inside the strings' own texts included; line
+// reading against a model of the reads; strings shared across threads; and
+// the debugger script's lines.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <fstream>
+#include <iomanip>
 #include <random>
 #include <sstream>
-#include <string>
+#include <thread>
 #include <vector>
 
 #include "StringTestSupport.h"
@@ -27,7 +30,7 @@ struct Model {
 };
 
 struct World {
-    std::vector<Model> m;
+    std::vector<Model> m = std::vector<Model>(6);
     int nextBlock = 1;
 
     bool shared(Model const& x) const {
@@ -73,21 +76,11 @@ std::string randomText(std::mt19937& rng) {
     return t;
 }
 
-// The SQL pattern of a text, one piece per byte: "*" and "?" become "%" and
-// "_", a literal "%" or "_" is escaped with "*".
-std::vector<std::string> sqlPieces(std::string const& in) {
-    std::vector<std::string> out;
-    for (char c : in)
-        out.push_back(c == '*' ? "%" : c == '?' ? "_" : std::string(c == '%' || c == '_', '*') + c);
-    return out;
-}
-
 void checkAgainstModel(std::vector<qkString> const& s, World const& w) {
     for (size_t i = 0; i < s.size(); ++i) {
         Model const& x = w.m[i];
-        SCOPED_TRACE("string " + std::to_string(i));
-        ASSERT_EQ(s[i].size(), x.null ? 0u : x.cap);
-        ASSERT_EQ(text(s[i]), x.text);
+        ASSERT_EQ(s[i].size(), x.null ? 0u : x.cap) << "string " << i;
+        ASSERT_EQ(text(s[i]), x.text) << "string " << i;
         ASSERT_EQ(s[i].hasWild(), x.text.find_first_of("*?") != std::string::npos);
         for (size_t j = 0; j < i; ++j)
             if (!x.null && !w.m[j].null) {
@@ -98,23 +91,20 @@ void checkAgainstModel(std::vector<qkString> const& s, World const& w) {
 
 TEST(qkStringModel, RandomOperationsFollowTheRules) {
     EXPECT_EQ(qkString(static_cast<char const*>(nullptr)).size(), 0u);  // null, not empty
-    constexpr int kStrings = 6;
     for (unsigned seed = 1; seed <= 20; ++seed) {
         std::mt19937 rng(seed);
-        std::vector<qkString> s(kStrings);
+        std::vector<qkString> s(6);
         World w;
-        w.m.resize(kStrings);
         for (int step = 0; step < 1500; ++step) {
-            int i = rng() % kStrings, j = rng() % kStrings;
+            int i = rng() % 6, j = rng() % 6;
             Model& x = w.m[i];
             std::string t = randomText(rng), other = w.m[j].text;
             // A text inside a string's own buffer: the source may move or be
             // shared while the target changes.
             char const* inside = s[j].sanitize() + rng() % (other.size() + 1);
-            bool fromInside = rng() % 3 == 0;
-            switch (rng() % 12) {
-                case 0: {
-                    // Through a copy: a null source gives it an empty text.
+            if (rng() % 3 == 0) t = inside;
+            switch (rng() % 10) {
+                case 0: {  // through a copy, a null source gives an empty text
                     bool viaCopy = rng() % 2;
                     Model copy = w.m[j].null ? Model{false, "", 32, 0} : w.m[j];
                     viaCopy ? s[i] = qkString(s[j]) : s[i] = s[j];
@@ -122,36 +112,33 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     break;
                 }
                 case 1:
-                    if (fromInside) t = inside;
-                    s[i] = fromInside ? inside : t.c_str();
+                    s[i] = t == inside ? inside : t.c_str();
                     w.resize(x, t.size(), false);
                     x.text = t;
                     break;
                 case 2:
-                    if (fromInside) t = inside;
-                    s[i] += fromInside ? inside : t.c_str();
+                    s[i] += t == inside ? inside : t.c_str();
                     w.append(x, t);
                     break;
                 case 3:
                     s[i] += static_cast<char>('A' + step % 26);
                     w.append(x, std::string(1, static_cast<char>('A' + step % 26)));
                     break;
-                case 4: {
-                    std::string mine = x.text;
+                case 4:
+                    w.append(x, t + x.text);
                     s[i].cat(t.c_str(), nullptr, s[i].sanitize());
-                    w.append(x, t + mine);
                     break;
-                }
-                case 5:
+                case 5: {  // in place: reversed and upper-cased
                     s[i].reverse();
+                    s[i].toUpper();
                     w.update(x, true);
                     std::reverse(x.text.begin(), x.text.end());
+                    for (char& c : x.text)
+                        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
                     break;
+                }
                 case 6: {
-                    if (x.null) {
-                        ASSERT_EQ(s[i].head(), nullptr);
-                        break;
-                    }
+                    if (x.null) break;
                     size_t cut = x.text.empty() ? 0 : rng() % x.text.size();
                     s[i].head()[cut] = 0;  // the length is counted again
                     w.update(x, true);
@@ -166,13 +153,6 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     break;
                 }
                 case 8:
-                    s[i].toUpper();
-                    if (x.null) break;
-                    w.update(x, true);
-                    for (char& c : x.text)
-                        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-                    break;
-                case 9:
                     // Reading a byte of a null string makes it empty; writing one
                     // makes the text private.
                     ASSERT_EQ(static_cast<qkString const&>(s[i])[0u],
@@ -183,24 +163,98 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     w.update(x, true);
                     x.text[0] = 'w';
                     break;
-                case 10:
-                    s[i] = static_cast<char const*>(nullptr);
-                    x = Model{};
-                    break;
                 default: {
-                    // The target may be the source itself.
+                    // The SQL pattern, one piece per byte, target maybe the
+                    // source itself: "*" and "?" become "%" and "_", a literal
+                    // "%" or "_" is escaped with "*". Or a null string.
+                    if (rng() % 3 == 0) {
+                        s[i] = static_cast<char const*>(nullptr);
+                        x = Model{};
+                        break;
+                    }
                     std::string from = x.text;
                     bool wasNull = x.null;
                     ASSERT_EQ(s[i].prepareSQL(s[j]), from.find_first_of("%_") != std::string::npos);
                     if (wasNull) break;
                     w.update(x, true);
-                    for (std::string const& piece : sqlPieces(from))
-                        w.append(w.m[j], piece);  // each piece grows the text by the rule
+                    for (char c : from)  // each piece grows the text by the rule
+                        w.append(w.m[j], c == '*'   ? "%"
+                                         : c == '?' ? "_"
+                                                    : std::string(c == '%' || c == '_', '*') + c);
                 }
             }
             ASSERT_NO_FATAL_FAILURE(checkAgainstModel(s, w)) << "seed " << seed << " step " << step;
         }
     }
+}
+
+// Each read skips one line feed left by the read before it, then takes up to
+// 2047 bytes up to the next line feed; an empty line fails the stream. Every
+// read gives the string a fresh text. Output is the stream's ordinary text
+// insertion; a null string writes nothing.
+TEST(qkStringStreams, ReadsFollowTheModel) {
+    std::mt19937 rng(21);
+    int const lengths[] = {0, 1, 5, 2046, 2047, 2048, 4094, 4095, 5000};
+    for (int round = 0; round < 300; ++round) {
+        std::string input;
+        for (int lines = rng() % 5 + 1; lines > 0; --lines) {
+            input += std::string(lengths[rng() % 9], char('a' + rng() % 26));
+            if (lines > 1 || rng() % 2) input += '\n';
+        }
+        std::istringstream in(input);
+        qkString shared(std::string(100, '-').c_str()), s = shared;
+        for (size_t pos = 0, len = 1; pos < input.size() && len > 0; pos += len) {
+            pos += input[pos] == '\n';
+            len = std::min<size_t>(std::min(input.find('\n', pos), input.size()) - pos, 2047);
+            in >> s;
+            ASSERT_EQ(text(s), input.substr(pos, len)) << "round " << round;
+            ASSERT_EQ(text(shared), std::string(100, '-'));
+        }
+    }
+    std::ostringstream out;
+    qkString null, a("abc");
+    out << null << "|" << a << "|" << std::setw(6) << a << "|";
+    null.printOn(out);
+    EXPECT_EQ(out.str(), "|abc|   abc|");
+}
+
+// A heap text is shared only on the thread that made it; every other thread
+// copies. Readers copy from strings of the main thread (half of them with a
+// length still to be counted) while each shares and changes copies of its
+// own. Under the sanitizers a count touched by two threads would show.
+TEST(qkStringThreads, ConcurrentReadersCopyAndShareAmongThemselves) {
+    std::vector<qkString> pool;
+    for (int i = 0; i < 16; ++i) {
+        pool.emplace_back(std::string(20 + i * 7, char('a' + i)).c_str());
+        if (i % 2) pool.back().head();
+    }
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(t);
+            std::vector<qkString> mine(8);
+            for (int step = 0; step < 20000; ++step) {
+                int p = rng() % 16;
+                qkString &m = mine[rng() % 8], &other = mine[rng() % 8];
+                if (int op = rng() % 4; op == 0) {  // another thread's text: copied
+                    m = pool[p];
+                    failures += m.sanitize() == pool[p].sanitize();
+                } else if (op == 1) {  // this thread's own heap text: shared
+                    m = other;
+                    failures += other.size() > 32 && m.sanitize() != other.sanitize();
+                } else {
+                    m += pool[p].sanitize();
+                    if (m.length() > 4000) m = "reset";
+                }
+                failures += pool[p].length() != 20u + p * 7;
+            }
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(failures.load(), 0);
+    for (int i = 0; i < 16; ++i)
+        EXPECT_EQ(text(pool[i]), std::string(20 + i * 7, char('a' + i)));
 }
 
 TEST(qkStringOffsets, LinesAreAppended) {
