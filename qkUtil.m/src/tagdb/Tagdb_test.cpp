@@ -1,6 +1,6 @@
 // Stores and transactions: the files of a store and their exact bytes across
 // commits and aborts (early writes by eviction, a freed node, its id used
-// again, version wrap-around), Recreate, and what the operations refuse.
+// again, version wrap-around, Recreate), and what the operations refuse.
 #include <climits>
 
 #include "TagdbTestUtil.h"
@@ -79,23 +79,18 @@ TEST(Tagdb, StoreFilesAcrossCommitsAndAborts) {
     EXPECT_EQ(readFile(dir / "s"), le(2, 4));
     EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-2", "s-0-4", "s-1-2", "s-2-3"}));
     checkStore(dir, "s", 3, {{"d", z("d")}, {"e", z("e")}, {"f", z("f")}, {"g", z("g")}});
-}
 
-TEST(Tagdb, RecreateStartsOverWithoutLockOrReading) {
-    TempDir dir;
-    fill(dir / "s", {{"old", "1"}});    // version 2
-    fill(dir / "s", {{"older", "2"}});  // version 3
-    Tagdb db;
-    openStore(db, dir / "s");
+    // Recreate starts over at version 1, without lock or reading; the earlier
+    // content's files are neither read nor removed.
     ASSERT_EQ(db.start(T::Recreate), T::Ok);
     EXPECT_FALSE(fs::exists(dir / "s-lock"));
     EXPECT_EQ(entries(db), Content{});
     ASSERT_EQ(db.set("new", "3", 1), T::Ok);
     ASSERT_EQ(db.commit(), T::Ok);
     EXPECT_EQ(readFile(dir / "s"), le(2, 4));
-    // The earlier content's files are neither read nor removed.
-    EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-2", "s-0-2", "s-x-3", "s-0-3"}));
-    checkStore(dir, "s", 512, {{"new", "3"}}, false);
+    EXPECT_EQ(dir.files(),
+              (std::set<std::string>{"s", "s-x-2", "s-0-2", "s-0-4", "s-1-2", "s-2-3"}));
+    checkStore(dir, "s", 3, {{"new", "3"}}, false);
 }
 
 // What the operations answer without a store, without a transaction and
