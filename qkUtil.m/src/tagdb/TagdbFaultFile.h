@@ -17,13 +17,9 @@ class FaultFile : public TagdbLocalFile {
     static TagdbFile* newInstance() { return new (std::nothrow) FaultFile(); }
 
     // The operations with these numbers (1 = the next one) fail.
-    static void arm(std::vector<long> points) {
-        state().points = std::move(points);
-        state().operations = 0;
-    }
-    static void disarm() { state().points.clear(); }
-    // Operations seen since the last arm().
-    static long operations() { return state().operations; }
+    static void arm(std::vector<long> p) { points = std::move(p), operations = 0; }
+    static void disarm() { points.clear(); }
+    static inline long operations = 0;  // seen since the last arm()
 
     Status open(char const* path, FileMode m) override {
         if (!fault()) return TagdbLocalFile::open(path, m);
@@ -45,18 +41,9 @@ class FaultFile : public TagdbLocalFile {
     Status lock(char const* name) override { return fault() ? Failed : TagdbLocalFile::lock(name); }
 
   private:
-    struct State {
-        std::vector<long> points;
-        long operations = 0;
-    };
-    static State& state() {
-        static State s;
-        return s;
-    }
+    static inline std::vector<long> points;
     static bool fault() {
-        long n = ++state().operations;
-        auto const& p = state().points;
-        return std::find(p.begin(), p.end(), n) != p.end();
+        return std::find(points.begin(), points.end(), ++operations) != points.end();
     }
 };
 

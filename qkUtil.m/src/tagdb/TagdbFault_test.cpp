@@ -38,7 +38,7 @@ class FaultedCommit : public testing::Test {
         open(db, ref);
         FaultFile::arm({});
         ASSERT_EQ(transaction(db, ref), T::Ok);
-        total = FaultFile::operations();
+        total = FaultFile::operations;
         after = snapshot(ref);
     }
     void open(Tagdb& db, TempDir const& dir) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -29,11 +30,8 @@ using T = TagdbCommon;
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class TempDir {
   public:
-    TempDir() {
-        char const* base = std::getenv("TMPDIR");
-        std::string p = std::string(base && *base ? base : "/tmp") + "/tagdbtestXXXXXX";
-        if (!mkdtemp(p.data())) ADD_FAILURE() << "mkdtemp failed";
-        path_ = p;
+    TempDir() : path_(fs::temp_directory_path() / "tagdbtestXXXXXX") {
+        if (!mkdtemp(path_.data())) ADD_FAILURE() << "mkdtemp failed";
     }
     ~TempDir() {
         std::error_code ec;
@@ -56,7 +54,7 @@ class TempDir {
 // else 1.
 inline int soakFactor() {
     char const* f = std::getenv("QK_TAGDB_SOAK");
-    return f && std::atoi(f) > 1 ? std::atoi(f) : 1;
+    return f ? std::max(1, std::atoi(f)) : 1;
 }
 
 inline Bytes readFile(std::string const& path) {
@@ -94,10 +92,7 @@ inline Bytes cat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-// Opens the protected factories of the library's key and record classes.
-struct Key : TagdbStringKey {
-    using TagdbStringKey::newInstance;
-};
+// Opens the protected factory of the library's record class.
 struct Rec : TagdbBlobRecord {
     using TagdbBlobRecord::newInstance;
 };

@@ -20,19 +20,19 @@ std::string name(char kind, int who, int i, int j = -1) {
            (j < 0 ? "" : "-" + std::to_string(j));
 }
 
+// The child processes' jobs, returning their exit code; a status other than
+// Ok (which is 0) ends a job with a code that tells where.
 // Increments "n" in `rounds` Update transactions, also setting a key of its own.
 int incrementer(std::string const& store, int who, int rounds) {
     Tagdb db(2, 3);
     openStore(db, store);
     for (int i = 0; i < rounds; ++i) {
-        if (db.start(T::Update) != T::Ok) return 1;
         char const* n = nullptr;
-        if (db.get("n", n) != T::Ok) return 2;
+        if (db.start(T::Update) || db.get("n", n)) return 1;
         std::string next = std::to_string(n ? std::atoi(n) + 1 : 1);
         usleep(200);  // widen the window a lost update would need
-        if (db.set("n", next.c_str()) != T::Ok || db.set(name('u', who, i).c_str(), "x") != T::Ok)
-            return 3;
-        if (db.commit() != T::Ok) return 4;
+        if (db.set("n", next.c_str()) || db.set(name('u', who, i).c_str(), "x") || db.commit())
+            return 2;
     }
     return 0;
 }
@@ -43,13 +43,11 @@ int deferredWriter(std::string const& store, int who, int rounds) {
     Tagdb db(2, 3);
     openStore(db, store);
     for (int i = 0; i < rounds; ++i) {
-        if (db.start(T::Deferred) != T::Ok) return 1;
-        for (int j = 0; j < 3; ++j) {
-            if (db.set(name('d', who, i, j).c_str(), name('d', who, i, j).c_str()) != T::Ok)
-                return 2;
-        }
-        if (i > 0 && db.set(name('d', who, i - 1, 0).c_str(), nullptr, 0) != T::Ok) return 3;
-        if (db.commit() != T::Ok) return 4;
+        if (db.start(T::Deferred)) return 1;
+        for (int j = 0; j < 3; ++j)
+            if (db.set(name('d', who, i, j).c_str(), name('d', who, i, j).c_str())) return 2;
+        if (i > 0 && db.set(name('d', who, i - 1, 0).c_str(), nullptr, 0)) return 3;
+        if (db.commit()) return 4;
     }
     return 0;
 }
