@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -54,12 +53,7 @@ struct ModelRun {
     static Cmp function(int o) { return o > 0 ? Cmp(compareInts) : o < 0 ? down : nullptr; }
     // The capacity the growth rule gives a list that must hold more than n
     // elements: 28, 60, 124, ... (2^k - 4).
-    static int above(int n) {
-        int cap = 28;
-        while (cap <= n)
-            cap = cap * 2 + 4;
-        return cap;
-    }
+    static int above(int n, int cap = 28) { return cap > n ? cap : above(n, cap * 2 + 4); }
 
     Rng rnd;
     int room = rnd(-1, 70), order = kOwns ? 0 : 1, capacity = 0;
@@ -102,12 +96,9 @@ struct ModelRun {
             ++ub;
         return {lb, ub};
     }
-    E fresh() {
-        if constexpr (kOwns)
-            return new Probe(rnd(0, 7));
-        else
-            return rnd(-20, 20);
-    }
+    static Probe* element(Probe*, int k) { return new Probe(k & 7); }
+    static int element(int, int k) { return k; }
+    E fresh() { return element(E{}, rnd(-20, 20)); }
     // qsort is not stable: the model takes the list's order once it is a
     // permutation of the model's, in the asked order.
     void sortBoth(bool up) {
@@ -139,10 +130,8 @@ struct ModelRun {
             E v = kOwns && i < gap && how == 1 ? old : t;  // the very same pointer stays
             if constexpr (kOwns) {
                 bool deleteOld = rnd.coin();
-                if (i < gap && other)
-                    list->replaceItem(i, v, deleteOld, flag);
-                else
-                    list->setItem(i, v, flag);
+                i < gap&& other ? list->replaceItem(i, v, deleteOld, flag)
+                                : list->setItem(i, v, flag);
                 if (v != old && i < gap && !(other && deleteOld)) dropped.push_back(old);
             } else {
                 other ? list->setItem(i, v, flag) : list->setItem(i, &v, flag);
@@ -282,8 +271,7 @@ struct ModelRun {
             std::set<Probe const*> alive(items.begin(), items.end());
             alive.insert(dropped.begin(), dropped.end());
             ASSERT_EQ(alive, Probe::live());
-            for (Probe* p : dropped)
-                delete p;
+            std::for_each(dropped.begin(), dropped.end(), [](Probe* p) { delete p; });
             dropped.clear();
         }
     }
@@ -314,8 +302,7 @@ TEST(ListModelTest, ProbeListMatchesTheModel) {
 // insertSorted puts the new element in front of it.
 TEST(ListModelTest, EqualRunsStopWhereTheHalvingMeetsThem) {
     IntList l(7);
-    for (int j = 0; j < 7; ++j)
-        l.append(5);
+    l << 5 << 5 << 5 << 5 << 5 << 5 << 5;
     l.sorted();
     bool found = false;
     EXPECT_TRUE(l.findSortedUnique(5, found) == 3 && found);  // (0 + 7) / 2
