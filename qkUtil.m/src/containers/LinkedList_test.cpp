@@ -42,10 +42,11 @@ TEST(LinkedList, RandomOperationsKeepEveryRingConsistent) {
             ref[id] = 0;
         }
         for (int i = 0; i < kNodes; ++i) {
-            ASSERT_EQ(node[i]->next(), node[succ[i]].get()) << step << " " << i;
-            ASSERT_EQ(node[i]->next()->prev(), node[i].get()) << step << " " << i;
-            ASSERT_EQ(node[i]->linked() != 0, succ[i] != i) << step << " " << i;
-            ASSERT_EQ(node[i]->ref(), reinterpret_cast<void*>(ref[i])) << step << " " << i;
+            ASSERT_TRUE(node[i]->next() == node[succ[i]].get() &&
+                        node[i]->next()->prev() == node[i].get() &&
+                        (node[i]->linked() != 0) == (succ[i] != i) &&
+                        node[i]->ref() == reinterpret_cast<void*>(ref[i]))
+                << step << " " << i;
         }
     }
 }
