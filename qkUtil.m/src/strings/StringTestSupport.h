@@ -1,9 +1,15 @@
-// Test support for qkString: the text as a std::string, and the C library's
-// snprintf as the formatting oracle.
+// Test support for qkString: what every string test includes, the text as a
+// std::string, the C library's snprintf as the formatting oracle, and the
+// engine's result as a text.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
+#include <cstring>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "qkString.h"
 
@@ -17,4 +23,10 @@ std::string cFormat(char const* format, A... args) {
     std::string out(size_t(n), '\0');
     std::snprintf(out.data(), size_t(n) + 1, format, args...);
     return out;
+}
+
+// The text sprintf leaves in s, or "(refused)" when it refuses the format.
+template <class... A>
+std::string fmt(qkString& s, char const* format, A... args) {
+    return s.sprintf(format, args...) == 1 ? text(s) : "(refused)";
 }
