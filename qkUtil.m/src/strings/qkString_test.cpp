@@ -5,7 +5,6 @@
 // random operations, sources inside the strings' own texts included; line
 // reading against a model of the reads; strings shared across threads; and
 // the debugger script's lines.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,10 +12,8 @@
 #include <cctype>
 #include <fstream>
 #include <iomanip>
-#include <random>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 #include "StringTestSupport.h"
 
@@ -28,6 +25,7 @@ struct Model {
     unsigned cap = 0;
     int block = 0;  // 0: null or inline; else the heap block's number
 };
+Model const emptyInline{false, "", 32, 0};
 
 struct World {
     std::vector<Model> m = std::vector<Model>(6);
@@ -38,11 +36,10 @@ struct World {
                                         [&](Model const& y) { return y.block == x.block; }) > 1;
     }
     void update(Model& x, bool keep) {
-        if (x.null || shared(x)) {
-            std::string old = x.null ? "" : x.text;
-            x = Model{false, "", 32, 0};
-            if (keep) resize(x, old.size(), false), x.text = old;
-        }
+        if (!x.null && !shared(x)) return;
+        std::string old = x.text;
+        x = emptyInline;
+        if (keep) resize(x, old.size(), false), x.text = old;
     }
     void resize(Model& x, size_t len, bool keep) {
         update(x, keep);
@@ -83,9 +80,10 @@ void checkAgainstModel(std::vector<qkString> const& s, World const& w) {
         ASSERT_EQ(text(s[i]), x.text) << "string " << i;
         ASSERT_EQ(s[i].hasWild(), x.text.find_first_of("*?") != std::string::npos);
         for (size_t j = 0; j < i; ++j)
-            if (!x.null && !w.m[j].null) {
-                ASSERT_EQ(s[i].sanitize() == s[j].sanitize(), x.block && x.block == w.m[j].block);
-            }
+            ASSERT_TRUE(x.null || w.m[j].null ||
+                        (s[i].sanitize() == s[j].sanitize()) ==
+                            (x.block == w.m[j].block && x.block))
+                << "strings " << i << " and " << j;
     }
 }
 
@@ -98,26 +96,26 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
         for (int step = 0; step < 1500; ++step) {
             int i = rng() % 6, j = rng() % 6;
             Model& x = w.m[i];
-            std::string t = randomText(rng), other = w.m[j].text;
+            std::string t = randomText(rng);
             // A text inside a string's own buffer: the source may move or be
             // shared while the target changes.
-            char const* inside = s[j].sanitize() + rng() % (other.size() + 1);
-            if (rng() % 3 == 0) t = inside;
+            char const* inside = s[j].sanitize() + rng() % (w.m[j].text.size() + 1);
+            char const* source = rng() % 3 ? t.c_str() : (t = inside, inside);
             switch (rng() % 10) {
                 case 0: {  // through a copy, a null source gives an empty text
                     bool viaCopy = rng() % 2;
-                    Model copy = w.m[j].null ? Model{false, "", 32, 0} : w.m[j];
+                    Model copy = w.m[j].null ? emptyInline : w.m[j];
                     viaCopy ? s[i] = qkString(s[j]) : s[i] = s[j];
                     w.assign(x, viaCopy ? copy : w.m[j]);
                     break;
                 }
                 case 1:
-                    s[i] = t == inside ? inside : t.c_str();
+                    s[i] = source;
                     w.resize(x, t.size(), false);
                     x.text = t;
                     break;
                 case 2:
-                    s[i] += t == inside ? inside : t.c_str();
+                    s[i] += source;
                     w.append(x, t);
                     break;
                 case 3:
@@ -128,26 +126,24 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     w.append(x, t + x.text);
                     s[i].cat(t.c_str(), nullptr, s[i].sanitize());
                     break;
-                case 5: {  // in place: reversed and upper-cased
+                case 5:  // in place: reversed and upper-cased
                     s[i].reverse();
                     s[i].toUpper();
                     w.update(x, true);
                     std::reverse(x.text.begin(), x.text.end());
-                    for (char& c : x.text)
-                        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+                    std::transform(x.text.begin(), x.text.end(), x.text.begin(),
+                                   [](unsigned char c) { return char(std::toupper(c)); });
                     break;
-                }
                 case 6: {
                     if (x.null) break;
-                    size_t cut = x.text.empty() ? 0 : rng() % x.text.size();
+                    size_t cut = rng() % (x.text.size() + 1);
                     s[i].head()[cut] = 0;  // the length is counted again
                     w.update(x, true);
-                    x.text.resize(std::min(cut, x.text.size()));
+                    x.text.resize(cut);
                     break;
                 }
                 case 7: {
-                    unsigned len = rng() % 120;
-                    bool keep = rng() % 2;
+                    unsigned len = rng() % 120, keep = rng() % 2;
                     s[i].resize(len, keep);
                     w.resize(x, len, keep);
                     break;
@@ -157,7 +153,7 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     // makes the text private.
                     ASSERT_EQ(static_cast<qkString const&>(s[i])[0u],
                               x.text.empty() ? 0 : x.text[0]);
-                    if (x.null) x = Model{false, "", 32, 0};
+                    if (x.null) x = emptyInline;
                     if (x.text.empty()) break;
                     s[i][0] = 'w';
                     w.update(x, true);
@@ -178,9 +174,9 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
                     if (wasNull) break;
                     w.update(x, true);
                     for (char c : from)  // each piece grows the text by the rule
-                        w.append(w.m[j], c == '*'   ? "%"
-                                         : c == '?' ? "_"
-                                                    : std::string(c == '%' || c == '_', '*') + c);
+                        w.append(w.m[j], std::string(c == '%' || c == '_', '*') + (c == '*'   ? '%'
+                                                                                   : c == '?' ? '_'
+                                                                                              : c));
                 }
             }
             ASSERT_NO_FATAL_FAILURE(checkAgainstModel(s, w)) << "seed " << seed << " step " << step;

@@ -2,14 +2,9 @@
 // the C library's iconv, broken UTF-8 against a reference decoder of its own
 // making, the bounds the output must stay within, and the locale's multibyte
 // form.
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <cstring>
 #include <cwchar>
-#include <random>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include <iconv.h>
 
@@ -85,12 +80,8 @@ std::u32string referenceDecode(std::string const& in) {
     std::u32string out;
     for (size_t i = 0, best; i < in.size(); i += best) {
         auto b = [&](size_t k) { return uint8_t(in[i + k]); };
-        int len = b(0) < 0x80   ? 1
-                  : b(0) < 0xC0 ? 0
-                  : b(0) < 0xE0 ? 2
-                  : b(0) < 0xF0 ? 3
-                  : b(0) < 0xF8 ? 4
-                                : 0;
+        // The form's length by the lead's top five bits; 0: not a lead.
+        int len = "11111111111111110000000022223340"[b(0) >> 3] - '0';
         uint32_t bits = b(0) & leadBits[len], cp = 0xFFFD;
         best = 1;
         for (int k = 1; len > 0 && k <= len && i + k <= in.size(); ++k) {
@@ -149,19 +140,14 @@ TEST(qkStringUtf, EdgesAndLocaleMultibyte) {
     s.convertToUTF8FromUnicode(u"");
     EXPECT_STREQ(s, "keep");
     EXPECT_EQ(qkString::convertToLPSTR(nullptr), nullptr);
-    struct {
-        char const* locale;
-        wchar_t const* in;
-        char const* out;
-    } const cases[] = {{"C", L"abc\u00E9\u20AC!",
-                        "abc?"
-                        "?!"},
-                       {"C.UTF-8", L"ab\u20AC", "ab"},
-                       {"C.UTF-8", L"\U0001F600xyzw", "\xF0\x9F\x98\x80x"}};
-    for (auto const& c : cases) {
-        if (!std::setlocale(LC_ALL, c.locale)) continue;
-        char* got = qkString::convertToLPSTR(c.in);
-        EXPECT_STREQ(got, c.out);
+    std::tuple<char const*, wchar_t const*, char const*> const cases[] = {
+        {"C", L"abc\u00E9\u20AC!", "abc?\?!"},
+        {"C.UTF-8", L"ab\u20AC", "ab"},
+        {"C.UTF-8", L"\U0001F600xyzw", "\xF0\x9F\x98\x80x"}};
+    for (auto const& [locale, in, out] : cases) {
+        if (!std::setlocale(LC_ALL, locale)) continue;
+        char* got = qkString::convertToLPSTR(in);
+        EXPECT_STREQ(got, out);
         qkFree(got, "test", __LINE__);
     }
     std::setlocale(LC_ALL, "C");
