@@ -15,8 +15,7 @@ namespace {
 // A directive up to its conversion: flags from " #+-", an optional 0 before
 // the width, a width and a precision, each there or not; or, half the time,
 // a bare "%" or a precision alone, which the engine writes itself.
-template <class Rng>
-std::string randomHead(Rng& rng) {
+std::string randomHead(std::mt19937_64& rng) {
     static char const* const widths[] = {"", "1", "7", "25", "0", "08"};
     std::string head = "%";
     if (rng() % 2) return rng() % 2 ? head : "%." + std::to_string(rng() % 42);
@@ -31,10 +30,9 @@ using Arg = std::variant<int, double, char const*>;
 // Calls f with the arguments of args spread out (at most four).
 template <class F, class... A>
 auto spread(F const& f, std::vector<Arg> const& args, size_t i, A... a) {
-    if constexpr (sizeof...(A) < 4) {
+    if constexpr (sizeof...(A) < 4)
         if (i < args.size())
             return std::visit([&](auto v) { return spread(f, args, i + 1, a..., v); }, args[i]);
-    }
     return f(a...);
 }
 
@@ -69,13 +67,11 @@ TEST(qkStringFormat, RandomFormatsMatchTheCLibrary) {
             if (d == 0) break;
             int kind = rng() % 4;
             format += randomHead(rng) + conversions[kind][rng() % conversions[kind].size()];
-            if (kind == 0)
-                args.push_back(rng() % 4 ? int(rng()) : ints[rng() % 5]);
-            else if (kind == 1)
-                args.push_back(rng() % 8 ? literals.c_str() + rng() % literals.size()
-                                         : longText.c_str());
-            else
-                args.push_back(rng() % 4 ? randomDouble(rng) : doubles[rng() % 11]);
+            char const* str =
+                rng() % 8 ? literals.c_str() + rng() % literals.size() : longText.c_str();
+            args.push_back(kind == 0   ? Arg(rng() % 4 ? int(rng()) : ints[rng() % 5])
+                           : kind == 1 ? Arg(str)
+                                       : Arg(rng() % 4 ? randomDouble(rng) : doubles[rng() % 11]));
         }
         std::string cformat = format;
         std::replace(cformat.begin(), cformat.end(), 'S', 's');
@@ -110,9 +106,8 @@ TEST(qkStringFormat, OwnRules) {
 }
 
 TEST(qkStringFormat, RefusalsLeaveTheStringAsItWas) {
-    char const* refused[] = {"%%", "a%ld", "%5",  "%",     "%*d",
-                             "%n", "%hd",  "%.3", "%0-5d", "%d then %%"};
-    for (char const* f : refused) {
+    for (char const* f :
+         {"%%", "a%ld", "%5", "%", "%*d", "%n", "%hd", "%.3", "%0-5d", "%d then %%"}) {
         qkString s(std::string(40, 'k').c_str()), sharer = s, null;
         char const* before = s.sanitize();
         EXPECT_EQ(s.sprintf(f, 1, 2, 3), 0) << f;

@@ -27,6 +27,17 @@ std::string iconvBytes(char const* to, char const* from, void const* in, size_t 
     return out;
 }
 
+// The string's text as wide units, each widened to 32 bits. The output may
+// take length + 1 units; the unit past them must stay as it was.
+template <class Unit>
+std::u32string decode(qkString& s) {
+    std::vector<Unit> out(s.length() + 2, Unit('#'));
+    out.back() = Unit('!');
+    s.convertFromUTF8ToUnicode(out.data());
+    EXPECT_EQ(out.back(), Unit('!'));
+    return std::u32string(out.data(), out.data() + std::char_traits<Unit>::length(out.data()));
+}
+
 char32_t randomScalar(std::mt19937& rng) {
     for (;;) {
         // Mostly small values, where the encoding lengths change.
@@ -54,17 +65,12 @@ TEST(qkStringUtf, WideTextConvertsLikeIconv) {
         }
         std::string want = iconvBytes("UTF-8", "UTF-32LE", clean.data(), clean.size() * 4);
         std::string bytes16 = iconvBytes("UTF-16LE", "UTF-32LE", clean.data(), clean.size() * 4);
+        auto units16 = reinterpret_cast<char16_t const*>(bytes16.data());
         qkString s;
         s.convertToUTF8FromUnicode(w.c_str());
         ASSERT_EQ(text(s), want);
-        std::vector<wchar_t> back(s.length() + 1, L'#');
-        std::vector<char16_t> back16(s.length() + 1, u'#');
-        s.convertFromUTF8ToUnicode(back.data());
-        s.convertFromUTF8ToUnicode(back16.data());
-        ASSERT_TRUE(std::wstring(back.data()) == std::wstring(clean.begin(), clean.end()));
-        ASSERT_EQ(
-            std::u16string(back16.data()),
-            std::u16string(reinterpret_cast<char16_t const*>(bytes16.data()), bytes16.size() / 2));
+        ASSERT_EQ(decode<wchar_t>(s), clean);
+        ASSERT_EQ(decode<char16_t>(s), std::u32string(units16, units16 + bytes16.size() / 2));
     }
 }
 
@@ -98,16 +104,6 @@ std::u32string referenceDecode(std::string const& in) {
     return out;
 }
 
-std::u32string decodeWithString(std::string const& bytes) {
-    qkString s(bytes.c_str());
-    std::vector<wchar_t> out(bytes.size() + 2, L'#');
-    out[bytes.size() + 1] = L'!';  // the unit past the promised bound
-    s.convertFromUTF8ToUnicode(out.data());
-    EXPECT_EQ(out[bytes.size() + 1], L'!');
-    std::wstring w(out.data());
-    return std::u32string(w.begin(), w.end());
-}
-
 TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
     std::mt19937 rng(5);
     // Well-formed text up to the edges of the ranges; slices of it start and
@@ -127,7 +123,8 @@ TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
             else
                 bytes += valid.substr(rng() % valid.size(), rng() % 5 + 1);
         }
-        ASSERT_EQ(decodeWithString(bytes), referenceDecode(bytes)) << round;
+        qkString s(bytes.c_str());
+        ASSERT_EQ(decode<wchar_t>(s), referenceDecode(bytes)) << round;
     }
 }
 
