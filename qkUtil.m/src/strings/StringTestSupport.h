@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -17,11 +18,13 @@ inline std::string text(qkString const& s) {
     return std::string(s.sanitize(), s.length());
 }
 
+// "S" (a narrow text to the engine) is "s" to the C library.
 template <class... A>
-std::string cFormat(char const* format, A... args) {
-    int n = std::snprintf(nullptr, 0, format, args...);
+std::string cFormat(std::string format, A... args) {
+    std::replace(format.begin(), format.end(), 'S', 's');
+    int n = std::snprintf(nullptr, 0, format.c_str(), args...);
     std::string out(size_t(n), '\0');
-    std::snprintf(out.data(), size_t(n) + 1, format, args...);
+    std::snprintf(out.data(), size_t(n) + 1, format.c_str(), args...);
     return out;
 }
 

@@ -16,8 +16,6 @@
 
 #include "StringTestSupport.h"
 
-namespace {
-
 struct Model {
     bool null = true;
     std::string text;
@@ -249,5 +247,3 @@ TEST(qkStringOffsets, LinesAreAppended) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "error opening /nonexistent-dir/x for append\n");
 }
-
-}  // namespace

@@ -11,20 +11,15 @@
 #include "StringTestSupport.h"
 #include "qkMemory.h"
 
-namespace {
-
-// Converts bytes between two encodings with iconv; the oracle for valid text.
-std::string iconvBytes(char const* to, char const* from, void const* in, size_t bytes) {
-    iconv_t cd = iconv_open(to, from);
-    EXPECT_NE(cd, reinterpret_cast<iconv_t>(-1));
-    std::string out(bytes * 4 + 16, '\0');
-    char* src = static_cast<char*>(const_cast<void*>(in));
-    char* dst = out.data();
-    size_t inLeft = bytes, outLeft = out.size();
-    EXPECT_NE(iconv(cd, &src, &inLeft, &dst, &outLeft), static_cast<size_t>(-1));
+// Converts UTF-32 text to another encoding with iconv; the oracle for valid text.
+std::string iconvFrom32(char const* to, std::u32string in) {
+    iconv_t cd = iconv_open(to, "UTF-32LE");
+    std::string out(in.size() * 4 + 16, '\0');
+    char *src = reinterpret_cast<char*>(in.data()), *dst = out.data();
+    size_t inLeft = in.size() * 4, outLeft = out.size();
+    EXPECT_NE(iconv(cd, &src, &inLeft, &dst, &outLeft), size_t(-1)) << to;
     iconv_close(cd);
-    out.resize(out.size() - outLeft);
-    return out;
+    return out.substr(0, out.size() - outLeft);
 }
 
 // The string's text as wide units, each widened to 32 bits. The output may
@@ -63,8 +58,7 @@ TEST(qkStringUtf, WideTextConvertsLikeIconv) {
             w += wchar_t(c);
             clean += broken ? 0xFFFD : c;
         }
-        std::string want = iconvBytes("UTF-8", "UTF-32LE", clean.data(), clean.size() * 4);
-        std::string bytes16 = iconvBytes("UTF-16LE", "UTF-32LE", clean.data(), clean.size() * 4);
+        std::string want = iconvFrom32("UTF-8", clean), bytes16 = iconvFrom32("UTF-16LE", clean);
         auto units16 = reinterpret_cast<char16_t const*>(bytes16.data());
         qkString s;
         s.convertToUTF8FromUnicode(w.c_str());
@@ -116,12 +110,10 @@ TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
     for (int round = 0; round < 100000; ++round) {
         std::string bytes;
         for (int n = rng() % 12 + 1; n > 0; --n) {
-            if (int kind = rng() % 4; kind == 0)
-                bytes += static_cast<char>(rng() % 255 + 1);  // no zero: it ends the text
-            else if (kind == 1)
-                bytes += edges[rng() % edges.size()];
-            else
-                bytes += valid.substr(rng() % valid.size(), rng() % 5 + 1);
+            int kind = rng() % 4;  // no zero byte: it ends the text
+            bytes += kind == 0   ? std::string(1, char(rng() % 255 + 1))
+                     : kind == 1 ? std::string(1, edges[rng() % edges.size()])
+                                 : valid.substr(rng() % valid.size(), rng() % 5 + 1);
         }
         qkString s(bytes.c_str());
         ASSERT_EQ(decode<wchar_t>(s), referenceDecode(bytes)) << round;
@@ -149,5 +141,3 @@ TEST(qkStringUtf, EdgesAndLocaleMultibyte) {
     }
     std::setlocale(LC_ALL, "C");
 }
-
-}  // namespace
