@@ -7,12 +7,12 @@
 // the debugger script's lines.
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "StringTestSupport.h"
 
@@ -40,10 +40,8 @@ struct World {
     }
     void resize(Model& x, size_t len, bool keep) {
         update(x, keep);
-        if (len >= x.cap) {
-            if (!x.block) x.block = nextBlock++;
-            x.cap = unsigned(len) + 32;
-        }
+        if (len >= x.cap)
+            x = Model{false, x.text, unsigned(len) + 32, x.block ? x.block : nextBlock++};
         if (x.text.size() > len) x.text.resize(len);
     }
     void append(Model& x, std::string const& t) {
@@ -55,9 +53,8 @@ struct World {
     void assign(Model& x, Model const& o) {
         if (&x == &o) return;
         if (o.block) return void(x = o);
-        std::string t = o.text;  // null gives an empty text, not a null string
-        resize(x, t.size(), false);
-        x.text = t;
+        resize(x, o.text.size(), false);  // null gives an empty text, not a null string
+        x.text = o.text;
     }
 };
 
@@ -73,9 +70,10 @@ std::string randomText(std::mt19937& rng) {
 void checkAgainstModel(std::vector<qkString> const& s, World const& w) {
     for (size_t i = 0; i < s.size(); ++i) {
         Model const& x = w.m[i];
-        ASSERT_EQ(s[i].size(), x.null ? 0u : x.cap) << "string " << i;
-        ASSERT_EQ(text(s[i]), x.text) << "string " << i;
-        ASSERT_EQ(s[i].hasWild(), x.text.find_first_of("*?") != std::string::npos);
+        ASSERT_EQ(std::tuple(s[i].size(), text(s[i]), s[i].hasWild()),
+                  std::tuple(x.null ? 0u : x.cap, x.text,
+                             x.text.find_first_of("*?") != std::string::npos))
+            << "string " << i;
         for (size_t j = 0; j < i; ++j)
             ASSERT_TRUE(x.null || w.m[j].null ||
                         (s[i].sanitize() == s[j].sanitize()) ==
@@ -165,7 +163,7 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
 // 2047 bytes up to the next line feed; an empty line fails the stream. Every
 // read gives the string a fresh text. Output is the stream's ordinary text
 // insertion; a null string writes nothing.
-TEST(qkStringStreams, ReadsFollowTheModel) {
+TEST(qkStringStreams, ReadsFollowTheModelAndOffsetsAreAppended) {
     std::mt19937 rng(21);
     int const lengths[] = {0, 1, 5, 2046, 2047, 2048, 4094, 4095, 5000};
     for (int round = 0; round < 300; ++round) {
@@ -210,8 +208,7 @@ TEST(qkStringThreads, ConcurrentReadersCopyAndShareAmongThemselves) {
                 int p = rng() % 16;
                 qkString &m = mine[rng() % 8], &other = mine[rng() % 8];
                 if (int op = rng() % 4; op == 0) {  // another thread's text: copied
-                    m = pool[p];
-                    ASSERT_NE(m.sanitize(), pool[p].sanitize());
+                    ASSERT_NE((m = pool[p]).sanitize(), pool[p].sanitize());
                 } else if (op == 1) {  // this thread's own heap text: shared
                     m = other;
                     ASSERT_TRUE(other.size() <= 32 || m.sanitize() == other.sanitize());
@@ -226,9 +223,7 @@ TEST(qkStringThreads, ConcurrentReadersCopyAndShareAmongThemselves) {
         t.join();
     for (int i = 0; i < 16; ++i)
         EXPECT_EQ(text(pool[i]), poolText(i));
-}
-
-TEST(qkStringOffsets, LinesAreAppended) {
+    // The debugger script's lines are appended to the file.
     char path[] = "/tmp/qkStringOffsetsXXXXXX";
     close(mkstemp(path));
     qkString::printOffsets(path);

@@ -98,7 +98,7 @@ std::u32string referenceDecode(std::string const& in) {
     return out;
 }
 
-TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
+TEST(qkStringUtf, BrokenUtf8LikeTheReferenceAndEdges) {
     std::mt19937 rng(5);
     // Well-formed text up to the edges of the ranges; slices of it start and
     // end inside forms.
@@ -118,12 +118,9 @@ TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
         qkString s(bytes.c_str());
         ASSERT_EQ(decode<wchar_t>(s), referenceDecode(bytes)) << round;
     }
-}
-
-// A null or empty input changes nothing. In the C locale the locale's
-// multibyte form shows what it cannot express as "?"; in C.UTF-8 it is cut
-// at a character boundary within wcslen + 1 bytes.
-TEST(qkStringUtf, EdgesAndLocaleMultibyte) {
+    // A null or empty input changes nothing. In the C locale the locale's
+    // multibyte form shows what it cannot express as "?"; in C.UTF-8 it is cut
+    // at a character boundary within wcslen + 1 bytes.
     qkString s("keep");
     s.convertToUTF8FromUnicode(static_cast<wchar_t const*>(nullptr));
     s.convertToUTF8FromUnicode(u"");
