@@ -5,22 +5,16 @@
 // random operations, sources inside the strings' own texts included; line
 // reading against a model of the reads; strings shared across threads; and
 // the debugger script's lines.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <fstream>
 #include <iomanip>
-#include <random>
 #include <sstream>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include "StringTestSupport.h"
-
-namespace {
 
 struct Model {
     bool null = true;
@@ -28,6 +22,7 @@ struct Model {
     unsigned cap = 0;
     int block = 0;  // 0: null or inline; else the heap block's number
 };
+Model const emptyInline{false, "", 32, 0};
 
 struct World {
     std::vector<Model> m = std::vector<Model>(6);
@@ -38,18 +33,15 @@ struct World {
                                         [&](Model const& y) { return y.block == x.block; }) > 1;
     }
     void update(Model& x, bool keep) {
-        if (x.null || shared(x)) {
-            std::string old = x.null ? "" : x.text;
-            x = Model{false, "", 32, 0};
-            if (keep) resize(x, old.size(), false), x.text = old;
-        }
+        if (!x.null && !shared(x)) return;
+        std::string old = x.text;
+        x = emptyInline;
+        if (keep) resize(x, old.size(), false), x.text = old;
     }
     void resize(Model& x, size_t len, bool keep) {
         update(x, keep);
-        if (len >= x.cap) {
-            if (!x.block) x.block = nextBlock++;
-            x.cap = unsigned(len) + 32;
-        }
+        if (len >= x.cap)
+            x = Model{false, x.text, unsigned(len) + 32, x.block ? x.block : nextBlock++};
         if (x.text.size() > len) x.text.resize(len);
     }
     void append(Model& x, std::string const& t) {
@@ -61,9 +53,8 @@ struct World {
     void assign(Model& x, Model const& o) {
         if (&x == &o) return;
         if (o.block) return void(x = o);
-        std::string t = o.text;  // null gives an empty text, not a null string
-        resize(x, t.size(), false);
-        x.text = t;
+        resize(x, o.text.size(), false);  // null gives an empty text, not a null string
+        x.text = o.text;
     }
 };
 
@@ -79,13 +70,15 @@ std::string randomText(std::mt19937& rng) {
 void checkAgainstModel(std::vector<qkString> const& s, World const& w) {
     for (size_t i = 0; i < s.size(); ++i) {
         Model const& x = w.m[i];
-        ASSERT_EQ(s[i].size(), x.null ? 0u : x.cap) << "string " << i;
-        ASSERT_EQ(text(s[i]), x.text) << "string " << i;
-        ASSERT_EQ(s[i].hasWild(), x.text.find_first_of("*?") != std::string::npos);
+        ASSERT_EQ(std::tuple(s[i].size(), text(s[i]), s[i].hasWild()),
+                  std::tuple(x.null ? 0u : x.cap, x.text,
+                             x.text.find_first_of("*?") != std::string::npos))
+            << "string " << i;
         for (size_t j = 0; j < i; ++j)
-            if (!x.null && !w.m[j].null) {
-                ASSERT_EQ(s[i].sanitize() == s[j].sanitize(), x.block && x.block == w.m[j].block);
-            }
+            ASSERT_TRUE(x.null || w.m[j].null ||
+                        (s[i].sanitize() == s[j].sanitize()) ==
+                            (x.block == w.m[j].block && x.block))
+                << "strings " << i << " and " << j;
     }
 }
 
@@ -95,95 +88,73 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
         std::mt19937 rng(seed);
         std::vector<qkString> s(6);
         World w;
-        for (int step = 0; step < 1500; ++step) {
-            int i = rng() % 6, j = rng() % 6;
-            Model& x = w.m[i];
-            std::string t = randomText(rng), other = w.m[j].text;
+        for (int step = 0; step <= 1500; ++step) {
+            ASSERT_NO_FATAL_FAILURE(checkAgainstModel(s, w)) << "seed " << seed << " step " << step;
+            int i = rng() % 6, j = rng() % 6, op = rng() % 10;
+            Model &x = w.m[i], &y = w.m[j];
+            std::string t = randomText(rng);
             // A text inside a string's own buffer: the source may move or be
             // shared while the target changes.
-            char const* inside = s[j].sanitize() + rng() % (other.size() + 1);
-            if (rng() % 3 == 0) t = inside;
-            switch (rng() % 10) {
-                case 0: {  // through a copy, a null source gives an empty text
-                    bool viaCopy = rng() % 2;
-                    Model copy = w.m[j].null ? Model{false, "", 32, 0} : w.m[j];
-                    viaCopy ? s[i] = qkString(s[j]) : s[i] = s[j];
-                    w.assign(x, viaCopy ? copy : w.m[j]);
-                    break;
-                }
-                case 1:
-                    s[i] = t == inside ? inside : t.c_str();
-                    w.resize(x, t.size(), false);
-                    x.text = t;
-                    break;
-                case 2:
-                    s[i] += t == inside ? inside : t.c_str();
-                    w.append(x, t);
-                    break;
-                case 3:
-                    s[i] += static_cast<char>('A' + step % 26);
-                    w.append(x, std::string(1, static_cast<char>('A' + step % 26)));
-                    break;
-                case 4:
-                    w.append(x, t + x.text);
-                    s[i].cat(t.c_str(), nullptr, s[i].sanitize());
-                    break;
-                case 5: {  // in place: reversed and upper-cased
-                    s[i].reverse();
-                    s[i].toUpper();
-                    w.update(x, true);
-                    std::reverse(x.text.begin(), x.text.end());
-                    for (char& c : x.text)
-                        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-                    break;
-                }
-                case 6: {
-                    if (x.null) break;
-                    size_t cut = x.text.empty() ? 0 : rng() % x.text.size();
-                    s[i].head()[cut] = 0;  // the length is counted again
-                    w.update(x, true);
-                    x.text.resize(std::min(cut, x.text.size()));
-                    break;
-                }
-                case 7: {
-                    unsigned len = rng() % 120;
-                    bool keep = rng() % 2;
-                    s[i].resize(len, keep);
-                    w.resize(x, len, keep);
-                    break;
-                }
-                case 8:
-                    // Reading a byte of a null string makes it empty; writing one
-                    // makes the text private.
-                    ASSERT_EQ(static_cast<qkString const&>(s[i])[0u],
-                              x.text.empty() ? 0 : x.text[0]);
-                    if (x.null) x = Model{false, "", 32, 0};
-                    if (x.text.empty()) break;
-                    s[i][0] = 'w';
-                    w.update(x, true);
-                    x.text[0] = 'w';
-                    break;
-                default: {
-                    // The SQL pattern, one piece per byte, target maybe the
-                    // source itself: "*" and "?" become "%" and "_", a literal
-                    // "%" or "_" is escaped with "*". Or a null string.
-                    if (rng() % 3 == 0) {
-                        s[i] = static_cast<char const*>(nullptr);
-                        x = Model{};
-                        break;
-                    }
-                    std::string from = x.text;
-                    bool wasNull = x.null;
-                    ASSERT_EQ(s[i].prepareSQL(s[j]), from.find_first_of("%_") != std::string::npos);
-                    if (wasNull) break;
-                    w.update(x, true);
-                    for (char c : from)  // each piece grows the text by the rule
-                        w.append(w.m[j], c == '*'   ? "%"
-                                         : c == '?' ? "_"
-                                                    : std::string(c == '%' || c == '_', '*') + c);
-                }
+            char const* inside = s[j].sanitize() + rng() % (y.text.size() + 1);
+            char const* source = rng() % 3 ? t.c_str() : (t = inside, inside);
+            if (op == 0) {  // through a copy, a null source gives an empty text
+                Model copy = y.null ? emptyInline : y;
+                bool viaCopy = rng() % 2;
+                viaCopy ? s[i] = qkString(s[j]) : s[i] = s[j];
+                w.assign(x, viaCopy ? copy : y);
+            } else if (op == 1) {
+                s[i] = source;
+                w.assign(x, Model{false, t});
+            } else if (op == 2) {
+                s[i] += source;
+                w.append(x, t);
+            } else if (op == 3) {
+                s[i] += char('A' + step % 26);
+                w.append(x, std::string(1, char('A' + step % 26)));
+            } else if (op == 4) {
+                w.append(x, t + x.text);
+                s[i].cat(t.c_str(), nullptr, s[i].sanitize());
+            } else if (op == 5) {  // in place: reversed and upper-cased
+                s[i].reverse();
+                s[i].toUpper();
+                w.update(x, true);
+                std::reverse(x.text.begin(), x.text.end());
+                std::transform(x.text.begin(), x.text.end(), x.text.begin(),
+                               [](unsigned char c) { return char(std::toupper(c)); });
+            } else if (op == 6 && !x.null) {
+                size_t cut = rng() % (x.text.size() + 1);
+                s[i].head()[cut] = 0;  // the length is counted again
+                w.update(x, true);
+                x.text.resize(cut);
+            } else if (op == 7) {
+                unsigned len = rng() % 120, keep = rng() % 2;
+                s[i].resize(len, keep);
+                w.resize(x, len, keep);
+            } else if (op == 8) {
+                // Reading a byte of a null string makes it empty; writing one
+                // makes the text private.
+                ASSERT_EQ(static_cast<qkString const&>(s[i])[0u], x.text.empty() ? 0 : x.text[0]);
+                if (x.null) x = emptyInline;
+                if (x.text.empty()) continue;
+                s[i][0] = 'w';
+                w.update(x, true);
+                x.text[0] = 'w';
+            } else if (op == 9 && rng() % 3 == 0) {
+                s[i] = static_cast<char const*>(nullptr);
+                x = Model{};
+            } else if (op == 9) {
+                // The SQL pattern, one piece per byte, target maybe the
+                // source itself: "*" and "?" become "%" and "_", a literal
+                // "%" or "_" is escaped with "*".
+                std::string from = x.text;
+                ASSERT_EQ(s[i].prepareSQL(s[j]), from.find_first_of("%_") != std::string::npos);
+                if (x.null) continue;
+                w.update(x, true);
+                for (char c : from)  // each piece grows the text by the rule
+                    w.append(y, std::string(c == '%' || c == '_', '*') + (c == '*'   ? '%'
+                                                                          : c == '?' ? '_'
+                                                                                     : c));
             }
-            ASSERT_NO_FATAL_FAILURE(checkAgainstModel(s, w)) << "seed " << seed << " step " << step;
         }
     }
 }
@@ -192,15 +163,14 @@ TEST(qkStringModel, RandomOperationsFollowTheRules) {
 // 2047 bytes up to the next line feed; an empty line fails the stream. Every
 // read gives the string a fresh text. Output is the stream's ordinary text
 // insertion; a null string writes nothing.
-TEST(qkStringStreams, ReadsFollowTheModel) {
+TEST(qkStringStreams, ReadsFollowTheModelAndOffsetsAreAppended) {
     std::mt19937 rng(21);
     int const lengths[] = {0, 1, 5, 2046, 2047, 2048, 4094, 4095, 5000};
     for (int round = 0; round < 300; ++round) {
         std::string input;
-        for (int lines = rng() % 5 + 1; lines > 0; --lines) {
-            input += std::string(lengths[rng() % 9], char('a' + rng() % 26));
-            if (lines > 1 || rng() % 2) input += '\n';
-        }
+        for (int lines = rng() % 5 + 1; lines > 0; --lines)
+            input += std::string(lengths[rng() % 9], char('a' + rng() % 26)) +
+                     (lines > 1 || rng() % 2 ? "\n" : "");
         std::istringstream in(input);
         qkString shared(std::string(100, '-').c_str()), s = shared;
         for (size_t pos = 0, len = 1; pos < input.size() && len > 0; pos += len) {
@@ -223,12 +193,12 @@ TEST(qkStringStreams, ReadsFollowTheModel) {
 // length still to be counted) while each shares and changes copies of its
 // own. Under the sanitizers a count touched by two threads would show.
 TEST(qkStringThreads, ConcurrentReadersCopyAndShareAmongThemselves) {
+    auto poolText = [](int i) { return std::string(20 + i * 7, char('a' + i)); };
     std::vector<qkString> pool;
     for (int i = 0; i < 16; ++i) {
-        pool.emplace_back(std::string(20 + i * 7, char('a' + i)).c_str());
+        pool.emplace_back(poolText(i).c_str());
         if (i % 2) pool.back().head();
     }
-    std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
@@ -238,26 +208,22 @@ TEST(qkStringThreads, ConcurrentReadersCopyAndShareAmongThemselves) {
                 int p = rng() % 16;
                 qkString &m = mine[rng() % 8], &other = mine[rng() % 8];
                 if (int op = rng() % 4; op == 0) {  // another thread's text: copied
-                    m = pool[p];
-                    failures += m.sanitize() == pool[p].sanitize();
+                    ASSERT_NE((m = pool[p]).sanitize(), pool[p].sanitize());
                 } else if (op == 1) {  // this thread's own heap text: shared
                     m = other;
-                    failures += other.size() > 32 && m.sanitize() != other.sanitize();
+                    ASSERT_TRUE(other.size() <= 32 || m.sanitize() == other.sanitize());
                 } else {
                     m += pool[p].sanitize();
                     if (m.length() > 4000) m = "reset";
                 }
-                failures += pool[p].length() != 20u + p * 7;
+                ASSERT_EQ(pool[p].length(), 20u + p * 7);
             }
         });
     for (auto& t : threads)
         t.join();
-    EXPECT_EQ(failures.load(), 0);
     for (int i = 0; i < 16; ++i)
-        EXPECT_EQ(text(pool[i]), std::string(20 + i * 7, char('a' + i)));
-}
-
-TEST(qkStringOffsets, LinesAreAppended) {
+        EXPECT_EQ(text(pool[i]), poolText(i));
+    // The debugger script's lines are appended to the file.
     char path[] = "/tmp/qkStringOffsetsXXXXXX";
     close(mkstemp(path));
     qkString::printOffsets(path);
@@ -276,5 +242,3 @@ TEST(qkStringOffsets, LinesAreAppended) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "error opening /nonexistent-dir/x for append\n");
 }
-
-}  // namespace

@@ -2,34 +2,35 @@
 // the C library's iconv, broken UTF-8 against a reference decoder of its own
 // making, the bounds the output must stay within, and the locale's multibyte
 // form.
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <cstring>
 #include <cwchar>
-#include <random>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include <iconv.h>
 
 #include "StringTestSupport.h"
 #include "qkMemory.h"
 
-namespace {
-
-// Converts bytes between two encodings with iconv; the oracle for valid text.
-std::string iconvBytes(char const* to, char const* from, void const* in, size_t bytes) {
-    iconv_t cd = iconv_open(to, from);
-    EXPECT_NE(cd, reinterpret_cast<iconv_t>(-1));
-    std::string out(bytes * 4 + 16, '\0');
-    char* src = static_cast<char*>(const_cast<void*>(in));
-    char* dst = out.data();
-    size_t inLeft = bytes, outLeft = out.size();
-    EXPECT_NE(iconv(cd, &src, &inLeft, &dst, &outLeft), static_cast<size_t>(-1));
+// Converts UTF-32 text to another encoding with iconv; the oracle for valid text.
+std::string iconvFrom32(char const* to, std::u32string in) {
+    iconv_t cd = iconv_open(to, "UTF-32LE");
+    std::string out(in.size() * 4 + 16, '\0');
+    char *src = reinterpret_cast<char*>(in.data()), *dst = out.data();
+    size_t inLeft = in.size() * 4, outLeft = out.size();
+    EXPECT_NE(iconv(cd, &src, &inLeft, &dst, &outLeft), size_t(-1)) << to;
     iconv_close(cd);
-    out.resize(out.size() - outLeft);
-    return out;
+    return out.substr(0, out.size() - outLeft);
+}
+
+// The string's text as wide units, each widened to 32 bits. The output may
+// take length + 1 units; the unit past them must stay as it was.
+template <class Unit>
+std::u32string decode(qkString& s) {
+    std::vector<Unit> out(s.length() + 2, Unit('#'));
+    out.back() = Unit('!');
+    s.convertFromUTF8ToUnicode(out.data());
+    EXPECT_EQ(out.back(), Unit('!'));
+    return std::u32string(out.data(), out.data() + std::char_traits<Unit>::length(out.data()));
 }
 
 char32_t randomScalar(std::mt19937& rng) {
@@ -57,19 +58,13 @@ TEST(qkStringUtf, WideTextConvertsLikeIconv) {
             w += wchar_t(c);
             clean += broken ? 0xFFFD : c;
         }
-        std::string want = iconvBytes("UTF-8", "UTF-32LE", clean.data(), clean.size() * 4);
-        std::string bytes16 = iconvBytes("UTF-16LE", "UTF-32LE", clean.data(), clean.size() * 4);
+        std::string want = iconvFrom32("UTF-8", clean), bytes16 = iconvFrom32("UTF-16LE", clean);
+        auto units16 = reinterpret_cast<char16_t const*>(bytes16.data());
         qkString s;
         s.convertToUTF8FromUnicode(w.c_str());
         ASSERT_EQ(text(s), want);
-        std::vector<wchar_t> back(s.length() + 1, L'#');
-        std::vector<char16_t> back16(s.length() + 1, u'#');
-        s.convertFromUTF8ToUnicode(back.data());
-        s.convertFromUTF8ToUnicode(back16.data());
-        ASSERT_TRUE(std::wstring(back.data()) == std::wstring(clean.begin(), clean.end()));
-        ASSERT_EQ(
-            std::u16string(back16.data()),
-            std::u16string(reinterpret_cast<char16_t const*>(bytes16.data()), bytes16.size() / 2));
+        ASSERT_EQ(decode<wchar_t>(s), clean);
+        ASSERT_EQ(decode<char16_t>(s), std::u32string(units16, units16 + bytes16.size() / 2));
     }
 }
 
@@ -85,12 +80,8 @@ std::u32string referenceDecode(std::string const& in) {
     std::u32string out;
     for (size_t i = 0, best; i < in.size(); i += best) {
         auto b = [&](size_t k) { return uint8_t(in[i + k]); };
-        int len = b(0) < 0x80   ? 1
-                  : b(0) < 0xC0 ? 0
-                  : b(0) < 0xE0 ? 2
-                  : b(0) < 0xF0 ? 3
-                  : b(0) < 0xF8 ? 4
-                                : 0;
+        // The form's length by the lead's top five bits; 0: not a lead.
+        int len = "11111111111111110000000022223340"[b(0) >> 3] - '0';
         uint32_t bits = b(0) & leadBits[len], cp = 0xFFFD;
         best = 1;
         for (int k = 1; len > 0 && k <= len && i + k <= in.size(); ++k) {
@@ -107,17 +98,7 @@ std::u32string referenceDecode(std::string const& in) {
     return out;
 }
 
-std::u32string decodeWithString(std::string const& bytes) {
-    qkString s(bytes.c_str());
-    std::vector<wchar_t> out(bytes.size() + 2, L'#');
-    out[bytes.size() + 1] = L'!';  // the unit past the promised bound
-    s.convertFromUTF8ToUnicode(out.data());
-    EXPECT_EQ(out[bytes.size() + 1], L'!');
-    std::wstring w(out.data());
-    return std::u32string(w.begin(), w.end());
-}
-
-TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
+TEST(qkStringUtf, BrokenUtf8LikeTheReferenceAndEdges) {
     std::mt19937 rng(5);
     // Well-formed text up to the edges of the ranges; slices of it start and
     // end inside forms.
@@ -129,42 +110,31 @@ TEST(qkStringUtf, BrokenUtf8GivesReplacementsLikeTheReference) {
     for (int round = 0; round < 100000; ++round) {
         std::string bytes;
         for (int n = rng() % 12 + 1; n > 0; --n) {
-            if (int kind = rng() % 4; kind == 0)
-                bytes += static_cast<char>(rng() % 255 + 1);  // no zero: it ends the text
-            else if (kind == 1)
-                bytes += edges[rng() % edges.size()];
-            else
-                bytes += valid.substr(rng() % valid.size(), rng() % 5 + 1);
+            int kind = rng() % 4;  // no zero byte: it ends the text
+            bytes += kind == 0   ? std::string(1, char(rng() % 255 + 1))
+                     : kind == 1 ? std::string(1, edges[rng() % edges.size()])
+                                 : valid.substr(rng() % valid.size(), rng() % 5 + 1);
         }
-        ASSERT_EQ(decodeWithString(bytes), referenceDecode(bytes)) << round;
+        qkString s(bytes.c_str());
+        ASSERT_EQ(decode<wchar_t>(s), referenceDecode(bytes)) << round;
     }
-}
-
-// A null or empty input changes nothing. In the C locale the locale's
-// multibyte form shows what it cannot express as "?"; in C.UTF-8 it is cut
-// at a character boundary within wcslen + 1 bytes.
-TEST(qkStringUtf, EdgesAndLocaleMultibyte) {
+    // A null or empty input changes nothing. In the C locale the locale's
+    // multibyte form shows what it cannot express as "?"; in C.UTF-8 it is cut
+    // at a character boundary within wcslen + 1 bytes.
     qkString s("keep");
     s.convertToUTF8FromUnicode(static_cast<wchar_t const*>(nullptr));
     s.convertToUTF8FromUnicode(u"");
     EXPECT_STREQ(s, "keep");
     EXPECT_EQ(qkString::convertToLPSTR(nullptr), nullptr);
-    struct {
-        char const* locale;
-        wchar_t const* in;
-        char const* out;
-    } const cases[] = {{"C", L"abc\u00E9\u20AC!",
-                        "abc?"
-                        "?!"},
-                       {"C.UTF-8", L"ab\u20AC", "ab"},
-                       {"C.UTF-8", L"\U0001F600xyzw", "\xF0\x9F\x98\x80x"}};
-    for (auto const& c : cases) {
-        if (!std::setlocale(LC_ALL, c.locale)) continue;
-        char* got = qkString::convertToLPSTR(c.in);
-        EXPECT_STREQ(got, c.out);
+    std::tuple<char const*, wchar_t const*, char const*> const cases[] = {
+        {"C", L"abc\u00E9\u20AC!", "abc?\?!"},
+        {"C.UTF-8", L"ab\u20AC", "ab"},
+        {"C.UTF-8", L"\U0001F600xyzw", "\xF0\x9F\x98\x80x"}};
+    for (auto const& [locale, in, out] : cases) {
+        if (!std::setlocale(LC_ALL, locale)) continue;
+        char* got = qkString::convertToLPSTR(in);
+        EXPECT_STREQ(got, out);
         qkFree(got, "test", __LINE__);
     }
     std::setlocale(LC_ALL, "C");
 }
-
-}  // namespace
