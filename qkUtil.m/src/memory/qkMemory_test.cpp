@@ -29,7 +29,7 @@ TEST(qkMemoryCore, IdleSuperblocksAndTheHeapsOfEndedThreads) {
     MEMORY_SUPERBLOCK *first = nullptr, *last = nullptr;
     MEMORY_THREAD* heap = nullptr;
     long long bytes = 0;
-    void* left[2];
+    std::vector<void*> left;
     qkMemory::setKeepLimit(4 * 16384);
     onFreshThread([&] {
         heap = qkMemoryThread();
@@ -42,17 +42,15 @@ TEST(qkMemoryCore, IdleSuperblocksAndTheHeapsOfEndedThreads) {
                                                   last->thread.load()),
                   std::make_tuple(nullptr, 1LL, heap));
         EXPECT_EQ(m->systemStats[4].count, system - 1);
-        left[0] = qkMalloc(300, "left", 0);
-        left[1] = qkMalloc(5000, "left", 1);
+        left = {qkMalloc(300, "left", 0), qkMalloc(5000, "left", 1)};
         bytes = qkMemory::loadStats(qkMemory::getThreadStats()).bytes;
     });
     onThread([&] {
         EXPECT_EQ(qkMemoryThread(), heap);
         EXPECT_EQ(qkMemory::loadStats(qkMemory::getThreadStats()).bytes, bytes);
-        void* p = qkMalloc(150, "adopt", 0);
-        EXPECT_EQ(superblockOf(p), last);
-        for (void* q : {p, left[0], left[1]})
-            qkFree(q, "left", 0);  // its own blocks now
+        left.push_back(qkMalloc(150, "adopt", 0));
+        EXPECT_EQ(superblockOf(left[2]), last);
+        release(left);  // its own blocks now
         // A thread running beside this one makes a heap of its own and takes
         // the kept superblock; it ends with a block still in use.
         onThread([&] {
