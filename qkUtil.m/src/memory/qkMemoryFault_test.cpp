@@ -20,13 +20,7 @@ using namespace qktest;
 // asked again, and the warning says memory was critical.
 TEST(qkMemoryShortage, ARefusalThatTheRetryOvercomesWarnsMemoryCritical) {
     Warnings::install();
-    onThread([] {
-        void* blocks[2 * 37];
-        for (void*& p : blocks)
-            p = qkMalloc(400, "idle", 0);
-        for (void* p : blocks)
-            qkFree(p, "idle", 0);
-    });
+    onThread([] { release(take(400, 2 * 37)); });
     ASSERT_GE(mgr()->keepStats[12].count, 1);
     sysMalloc = [](size_t) -> void* {  // refuses once
         sysMalloc = qk::platform::rawAlloc;
@@ -84,13 +78,10 @@ TEST(qkMemoryFork, ChildrenOfABusyProcessCanAllocate) {
         std::vector<void*> held;
         while (!stop.load(std::memory_order_relaxed) || !held.empty()) {
             seed = seed * 1103515245 + 12345;
-            if (held.size() > 400 || stop) {
-                for (void* p : held)
-                    qkFree(p, "fork", 2);
-                held.clear();
-            } else {
+            if (held.size() > 400 || stop)
+                release(held);
+            else
                 held.push_back(qkMalloc(seed % 3 ? 16 + seed % 480 : 600 + seed % 4000, "fork", 1));
-            }
         }
     };
     std::thread threads[] = {std::thread(churn, 1), std::thread(churn, 2)};
@@ -103,14 +94,12 @@ TEST(qkMemoryFork, ChildrenOfABusyProcessCanAllocate) {
             std::vector<void*> blocks;
             for (int i = 0; i < 2000; ++i)
                 blocks.push_back(qkMalloc(8 + i % 3000, "child", i));
-            onThread([] { qkFree(qkMalloc(100, "child", 0), "child", 0); });
-            for (void* p : blocks)
-                qkFree(p, "child", 0);
+            onThread([] { release(take(100, 1)); });
+            release(blocks);
             _exit(0);
         }
         int status = 0;
-        waitpid(child, &status, 0);
-        failed = !(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        failed = waitpid(child, &status, 0) != child || status != 0;
     }
     stop = true;
     for (auto& t : threads)

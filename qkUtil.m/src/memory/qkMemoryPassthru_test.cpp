@@ -48,10 +48,8 @@ TEST(qkMemoryPassthru, EntryPointsBeforeAndAfterTheManagerIsMade) {
 
     auto handler = [](qkMemoryErrorId) { ++handlerCalls; };
     qkMemory::setPassthru(1, handler);
-    EXPECT_EQ(mgr(), nullptr);
-    EXPECT_EQ(qkMemory::_memoryErrorHandler, nullptr);
-    qkMemory::setSystemLimit(1);
-    qkMemory::setThreadLimit(1);
+    EXPECT_TRUE(mgr() == nullptr && qkMemory::_memoryErrorHandler == nullptr);
+    qkMemory::setSystemLimit(1), qkMemory::setThreadLimit(1);
     Warnings::install();
     qkMemory::setPassthru(0, handler);
     qkMemory* first = mgr();
@@ -78,8 +76,7 @@ TEST(qkMemoryPassthru, PreAllocationTakesMemoryOnEveryCall) {
     auto held = [] { return mallinfo2().hblkhd + mallinfo2().uordblks; };
     setenv("KorSysPreAllocation", "3000000", 1);
     size_t before = held();
-    qkMemory::setPassthru(1, nullptr);
-    qkMemory::setPassthru(1, nullptr);
+    qkMemory::setPassthru(1, nullptr), qkMemory::setPassthru(1, nullptr);
     EXPECT_GE(held() - before, 6000000u);
     setenv("KorSysPreAllocation", "lots", 1);  // not a number: nothing taken
     before = held();
@@ -91,8 +88,7 @@ TEST(qkMemoryPassthru, PreAllocationTakesMemoryOnEveryCall) {
 // same. The slots are set before the first allocation through the manager.
 TEST(qkMemoryPassthru, DebugSlotsWidenEveryBlock) {
     qkMemory::setPassthru(0, nullptr);
-    mgr()->debugHeaderCount = 2;
-    mgr()->debugHeaderSize = 32;
+    mgr()->debugHeaderCount = 2, mgr()->debugHeaderSize = 32;
     onThread([] {
         checkLayout();
         if (!HasFatalFailure()) runModel(777, 20000);

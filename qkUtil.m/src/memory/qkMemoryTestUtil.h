@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -33,25 +35,41 @@ struct Warnings {
     static std::string take() { return std::exchange(text, {}); }
 };
 
-inline qkMemory* mgr() {
-    return qkMemory::getManager();
+// The line a warning prints: the text, the low 32 bits of the caller tag and
+// the line number. Returned by value so that building it allocates nothing.
+inline std::array<char, 128> warningLine(char const* text, char const* caller, int line) {
+    std::array<char, 128> out;
+    std::snprintf(out.data(), out.size(), "%s (0x%x:%d)\n", text,
+                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(caller)), line);
+    return out;
+}
+inline char const* randomTag(std::mt19937& rng) {
+    return reinterpret_cast<char const*>(uint64_t{rng()} << 32 | rng());
 }
 
-// Runs `body` on a new thread and waits for it to be gone.
-template <class F>
-void onThread(F body) {
-    std::thread(body).join();
-}
-
-// The same, on a thread that gets an empty heap (no dead heap is left to adopt).
-template <class F>
-void onFreshThread(F body) {
-    qkMemoryInternals::dismantleDead(mgr());
-    onThread(body);
-}
-
-inline MEMORY_SUPERBLOCK* superblockOf(void* p) {
+inline auto const mgr = [] { return qkMemory::getManager(); };
+// Runs `body` on a new thread and waits for it to be gone; "fresh": on a
+// thread that gets an empty heap (no dead heap is left to adopt).
+inline auto const onThread = [](auto body) { std::thread(body).join(); };
+inline auto const onFreshThread = [](auto body) {
+    qkMemoryInternals::dismantleDead(mgr()), onThread(body);
+};
+inline auto const superblockOf = [](void* p) {
     return qkMemoryInternals::headerOf(mgr(), p)->owner;
+};
+
+// `count` blocks of `size` bytes, and the release of every block in a list.
+inline std::vector<void*> take(size_t size, int count) {
+    std::vector<void*> blocks;
+    blocks.reserve(400);  // a large block: the list takes none of the small ones it counts
+    blocks.resize(static_cast<size_t>(count));
+    for (void*& p : blocks)
+        p = qkMalloc(size, "take", 0);
+    return blocks;
+}
+inline void release(auto&& blocks) {
+    for (void* p : std::exchange(blocks, {}))
+        qkFree(p, "release", 0);
 }
 
 // Writes a pattern derived from `seed`, or with `check` tells whether it is
@@ -66,22 +84,26 @@ inline bool stamp(void* p, size_t size, uint32_t seed, bool check = false) {
     }
     return true;
 }
-inline bool intact(void* p, size_t size, uint32_t seed) {
-    return stamp(p, size, seed, true);
-}
+// A patterned block (`usable`: what qkMemSize reported for it).
+struct Block {
+    char* p;
+    size_t size, usable;
+    uint32_t seed;
+    bool intact() const { return stamp(p, size, seed, true); }
+};
 
+inline auto const superblockAt = [](LinkedList* n) {
+    return static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+};
 inline int chainLength(MEMORY_HEADER* h) {
-    int n = 0;
-    for (; h; h = h->next)
-        ++n;
-    return n;
+    return h ? 1 + chainLength(h->next) : 0;
 }
 
 // Checks the superblocks of one list (owner, chain lengths against the
 // counts) and counts them by bucket into `held`.
 inline void checkList(LinkedList const& head, MEMORY_THREAD* owner, long long* held) {
     for (LinkedList* n = head.next(); n->ref(); n = n->next()) {
-        auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+        MEMORY_SUPERBLOCK* sb = superblockAt(n);
         EXPECT_EQ(sb->thread.load(), owner);
         EXPECT_EQ(chainLength(sb->pending), sb->freeCount.load());
         EXPECT_EQ(chainLength(sb->free) + sb->allocCount, sb->blockCount);
@@ -100,7 +122,7 @@ inline void checkHeap(MEMORY_THREAD* mt) {
     for (int b = 0; b < kBucketLimit; ++b) {
         checkList(mt ? mt->partial[b] : m->keep[b], mt, held);
         for (LinkedList* n = mt ? mt->reclaim[b].next() : nullptr; n && n->ref(); n = n->next())
-            held[b] += !static_cast<MEMORY_SUPERBLOCK*>(n->ref())->link.linked();
+            held[b] += !superblockAt(n)->link.linked();
         EXPECT_EQ(stats[b].count, held[b]) << "bucket " << b;
         EXPECT_EQ(stats[b].bytes, 16384 * held[b]) << "bucket " << b;
         total += stats[b].bytes;
@@ -120,21 +142,17 @@ inline size_t usableSize(size_t size) {
 // highest address down, and the request after the last one starts another.
 inline void checkLayout() {
     int slots = mgr()->debugHeaderSize;
-    std::vector<char*> blocks;
-    blocks.reserve(400);  // its own growth would take blocks in between
     for (int b = 0; b < 16; ++b) {
         int stride = 32 * (b + 1) + 16 + slots, count = 16288 / stride;
-        blocks.clear();
-        for (int i = 0; i <= count; ++i)
-            blocks.push_back(static_cast<char*>(qkMalloc(32 * (b + 1), "layout", i)));
-        MEMORY_SUPERBLOCK* sb = superblockOf(blocks[0]);
+        std::vector<void*> blocks = take(32 * (b + 1), count + 1);
+        char* first = static_cast<char*>(blocks[0]);
+        MEMORY_SUPERBLOCK* sb = superblockOf(first);
         ASSERT_EQ(sb->blockCount, count) << "bucket " << b;
-        EXPECT_EQ(blocks[0], reinterpret_cast<char*>(sb) + 96 + (count - 1) * stride + 16 + slots);
+        EXPECT_EQ(first, reinterpret_cast<char*>(sb) + 96 + (count - 1) * stride + 16 + slots);
         for (int i = 1; i < count; ++i)
-            ASSERT_EQ(blocks[i - 1] - blocks[i], stride) << "bucket " << b << " block " << i;
+            ASSERT_EQ(first - static_cast<char*>(blocks[i]), i * stride) << "bucket " << b;
         EXPECT_NE(superblockOf(blocks[count]), sb) << "bucket " << b;
-        for (char* p : blocks)
-            qkFree(p, "layout", 0);
+        release(blocks);
     }
 }
 
@@ -150,39 +168,30 @@ inline size_t randomSize(std::mt19937& rng) {
 // a resize may move it, and the large blocks the thread is charged with
 // (those released by another thread stay charged to it).
 inline void runModel(uint32_t seed, int steps) {
-    struct Live {
-        size_t size, usable;
-        uint32_t seed;
-    };
-    std::map<char*, Live> live;
+    std::map<char*, Block> live;
     std::mt19937 rng(seed);
     MEMORY_THREAD* mt = qkMemoryThread();
     size_t header = 16 + static_cast<size_t>(mgr()->debugHeaderSize);
     Warnings::install();
     int step = 0;
+    long long large[2] = {};  // bytes and count of the large blocks charged to the thread
+    auto charge = [&](size_t usable, int sign) {
+        if (usable > 512) large[0] += sign * static_cast<long long>(usable), large[1] += sign;
+    };
     auto add = [&](void* block, size_t size, size_t usable) {
         char* p = static_cast<char*>(block);
         ASSERT_EQ(qkMemSize(p), usable) << "size " << size << ", step " << step;
         ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u);
-        auto [it, fresh] = live.emplace(p, Live{size, usable, static_cast<uint32_t>(rng())});
+        auto [it, fresh] = live.emplace(p, Block{p, size, usable, static_cast<uint32_t>(rng())});
         ASSERT_TRUE(fresh) << "handed out twice, step " << step;
         stamp(p, size, it->second.seed);
+        charge(usable, 1);
     };
-    long long remoteBytes = 0, remoteCount = 0;
     std::vector<void*> remote;
-    auto releaseRemote = [&] {
-        onThread([&] {
-            for (void* p : remote)
-                qkFree(p, "remote", 0);
-        });
-        remote.clear();
-    };
+    auto releaseRemote = [&] { onThread([&] { release(remote); }); };
     auto checkCharges = [&] {
-        long long large = remoteBytes, count = remoteCount;
-        for (auto& [p, block] : live)
-            if (block.usable > 512) large += static_cast<long long>(block.usable), ++count;
-        EXPECT_EQ(mt->stats[kLargeIndex].bytes, large);
-        EXPECT_EQ(mt->stats[kLargeIndex].count, count);
+        MEMORY_STATS& s = mt->stats[kLargeIndex];
+        EXPECT_EQ(std::make_pair(s.bytes, s.count), std::make_pair(large[0], large[1]));
         checkHeap(mt);
     };
     for (size_t size = 0; size <= 513; ++size)
@@ -195,50 +204,41 @@ inline void runModel(uint32_t seed, int steps) {
     for (; step < steps && !::testing::Test::HasFailure(); ++step) {
         if (step % 2000 == 0) checkCharges();
         unsigned op = rng() % 100;
-        size_t size = randomSize(rng);
-        if (op < 45 || live.empty()) {
-            void* p;
-            if (op % 2 == 0) {  // a block made to be cleared, likely a dirty one
-                size_t count = 1 + step % 4;
-                size = size / count * count;
-                p = qkCalloc(count, size / count, "model", step);
-                char* bytes = static_cast<char*>(p);
-                ASSERT_EQ(std::count(bytes, bytes + size, 0), static_cast<long>(size));
-            } else {
-                p = qkMalloc(size, "model", step);
-            }
+        size_t size = randomSize(rng), count = 1 + step % 4;
+        if (op < 45 || live.empty()) {  // even: a block made to be cleared, likely a dirty one
+            size = op % 2 ? size : size / count * count;
+            char* p = static_cast<char*>(op % 2 ? qkMalloc(size, "model", step)
+                                                : qkCalloc(count, size / count, "model", step));
+            ASSERT_TRUE(op % 2 || std::count(p, p + size, 0) == static_cast<long>(size)) << step;
             add(p, size, usableSize(size));
             continue;
         }
         auto it = std::next(live.begin(), static_cast<long>(rng() % live.size()));
-        auto [p, was] = *it;
-        ASSERT_TRUE(intact(p, was.size, was.seed)) << "step " << step;
+        Block was = it->second;
+        char* p = was.p;
+        ASSERT_TRUE(was.intact()) << "step " << step;
         live.erase(it);
-        if (op >= 75 && op < 92) {  // a block that holds the new size stays
+        if (op < 65 || op >= 70) charge(was.usable, -1);  // not released by another thread
+        if (op >= 75 && op < 92) {                        // a block that holds the new size stays
             char* q = static_cast<char*>(qkRealloc(p, size, "model", step));
             ASSERT_TRUE(was.usable < size || q == p);
-            ASSERT_TRUE(intact(q, std::min(size, was.size), was.seed));
+            ASSERT_TRUE(stamp(q, std::min(size, was.size), was.seed, true));
             add(q, size, was.usable >= size ? was.usable : usableSize(size));
         } else if (op >= 65 && op < 70) {  // released by another thread, twenty at a time
-            remoteBytes += was.usable > 512 ? static_cast<long long>(was.usable) : 0;
-            remoteCount += was.usable > 512;
             remote.push_back(p);
             if (remote.size() == 20) releaseRemote();
         } else {
             qkFree(p, "model", step);
             if (op < 92 || was.usable > 512) continue;
-            uint64_t tag = (uint64_t{rng()} << 32) | rng();  // a second release is only reported
-            qkFree(p, reinterpret_cast<char const*>(tag), step);
-            char line[64];
-            std::snprintf(line, sizeof line, "duplicate free (0x%x:%d)\n",
-                          static_cast<unsigned>(tag), step);
-            ASSERT_EQ(Warnings::take(), line);
+            char const* tag = randomTag(rng);  // a second release is only reported
+            qkFree(p, tag, step);
+            ASSERT_EQ(Warnings::take(), warningLine("duplicate free", tag, step).data());
         }
     }
     releaseRemote();
     checkCharges();
     for (auto& [p, block] : live) {
-        EXPECT_TRUE(intact(p, block.size, block.seed));
+        EXPECT_TRUE(block.intact());
         qkFree(p, "model", 0);
     }
     checkHeap(mt);

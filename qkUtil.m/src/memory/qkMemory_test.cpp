@@ -29,33 +29,28 @@ TEST(qkMemoryCore, IdleSuperblocksAndTheHeapsOfEndedThreads) {
     MEMORY_SUPERBLOCK *first = nullptr, *last = nullptr;
     MEMORY_THREAD* heap = nullptr;
     long long bytes = 0;
-    void* left[2];
+    std::vector<void*> left;
     qkMemory::setKeepLimit(4 * 16384);
     onFreshThread([&] {
         heap = qkMemoryThread();
-        void* blocks[185];
-        for (void*& p : blocks)  // 160-byte blocks, 92 a superblock
-            p = qkMalloc(160, "keep", 0);
+        std::vector<void*> blocks = take(160, 185);  // 92 a superblock
         first = superblockOf(blocks[0]);
         last = superblockOf(blocks[184]);
         long long system = m->systemStats[4].count;
-        for (void* p : blocks)
-            qkFree(p, "keep", 1);
-        EXPECT_EQ(first->thread.load(), nullptr);
-        EXPECT_EQ(m->keepStats[4].count, 1);
+        release(blocks);
+        EXPECT_EQ(std::make_tuple<MEMORY_THREAD*>(first->thread.load(), m->keepStats[4].count,
+                                                  last->thread.load()),
+                  std::make_tuple(nullptr, 1LL, heap));
         EXPECT_EQ(m->systemStats[4].count, system - 1);
-        EXPECT_EQ(last->thread.load(), heap);
-        left[0] = qkMalloc(300, "left", 0);
-        left[1] = qkMalloc(5000, "left", 1);
+        left = {qkMalloc(300, "left", 0), qkMalloc(5000, "left", 1)};
         bytes = qkMemory::loadStats(qkMemory::getThreadStats()).bytes;
     });
     onThread([&] {
         EXPECT_EQ(qkMemoryThread(), heap);
         EXPECT_EQ(qkMemory::loadStats(qkMemory::getThreadStats()).bytes, bytes);
-        void* p = qkMalloc(150, "adopt", 0);
-        EXPECT_EQ(superblockOf(p), last);
-        for (void* q : {p, left[0], left[1]})
-            qkFree(q, "left", 0);  // its own blocks now
+        left.push_back(qkMalloc(150, "adopt", 0));
+        EXPECT_EQ(superblockOf(left[2]), last);
+        release(left);  // its own blocks now
         // A thread running beside this one makes a heap of its own and takes
         // the kept superblock; it ends with a block still in use.
         onThread([&] {
@@ -83,11 +78,7 @@ TEST(qkMemoryCore, TuningAddsABucketForTheBusiestRange) {
             qkFree(qkMalloc(size, "tune", 0), "tune", 0);
     };
     onThread([] {  // leaves idle 128-byte superblocks behind
-        void* blocks[120];
-        for (void*& p : blocks)
-            p = qkMalloc(120, "idle", 0);
-        for (void* p : blocks)
-            qkFree(p, "idle", 0);
+        release(take(120, 120));
     });
     onFreshThread([&] {
         qkMemory* m = mgr();
@@ -116,45 +107,39 @@ TEST(qkMemoryCore, TuningAddsABucketForTheBusiestRange) {
 // still in transit and get released into heaps that were adopted or
 // dismantled meanwhile. Each block's pattern is checked when it is released.
 struct Exchange {
-    struct Item {
-        void* p;
-        size_t size;
-        uint32_t seed;
-    };
     std::mutex lock;
-    std::vector<Item> items;
+    std::vector<Block> items;
     std::atomic<int> corrupt{0};
 
-    void release(Item const& item) {
-        corrupt += !intact(item.p, item.size, item.seed);
+    void release(Block const& item) {
+        corrupt += !item.intact();
         qkFree(item.p, "stress", 0);
     }
     // Keeps up to 200 blocks of its own, hands about half of what it makes
     // to the others, and releases what it takes from them.
     void worker(uint32_t seed, int steps) {
         std::mt19937 rng(seed);
-        std::vector<Item> mine;
+        std::vector<Block> mine;
         for (int step = 0; step < steps; ++step) {
             unsigned op = rng() % 4;
             if (op < 2 && mine.size() < 200) {
                 size_t size = randomSize(rng);
-                Item item{qkMalloc(size, "stress", step), size, static_cast<uint32_t>(rng())};
+                Block item{static_cast<char*>(qkMalloc(size, "stress", step)), size, 0,
+                           static_cast<uint32_t>(rng())};
                 stamp(item.p, item.size, item.seed);
                 std::lock_guard<std::mutex> hold(lock);
                 (op == 0 ? mine : items).push_back(item);
                 continue;
             }
-            std::vector<Item>& from = op == 2 && !mine.empty() ? mine : items;
+            std::vector<Block>& from = op == 2 && !mine.empty() ? mine : items;
             std::unique_lock<std::mutex> hold(lock);
             if (from.empty()) continue;
-            size_t i = rng() % from.size();
-            Item item = from[i];
-            from[i] = from.back();
+            Block item = std::exchange(from[rng() % from.size()], from.back());
             from.pop_back();
             hold.unlock();
             release(item);
         }
-        for (Item& left : mine)
+        for (Block& left : mine)
             release(left);
     }
 };
@@ -176,17 +161,15 @@ void stress(int waves, int threadsPerWave, int steps) {
             exchange.release(item);
     });
     EXPECT_EQ(exchange.corrupt.load(), 0);
-    std::vector<Exchange::Item>().swap(exchange.items);  // made by the workers
+    std::vector<Block>().swap(exchange.items);  // made by the workers
     qkMemory* m = mgr();
     qkMemoryInternals::dismantleDead(m);
     checkHeap(nullptr);
     MEMORY_THREAD* mainHeap = qkMemoryThread();
     long long total = 0;
     for (int b = 0; b < kBucketLimit; ++b) {
-        for (LinkedList* n = m->keep[b].next(); n->ref(); n = n->next()) {
-            auto* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
-            EXPECT_EQ(sb->allocCount, sb->freeCount.load()) << "a block is still in use";
-        }
+        for (LinkedList* n = m->keep[b].next(); n->ref(); n = n->next())
+            EXPECT_EQ(superblockAt(n)->allocCount, superblockAt(n)->freeCount) << "still in use";
         EXPECT_EQ(m->systemStats[b].count, m->keepStats[b].count + mainHeap->stats[b].count);
         total += m->systemStats[b].bytes;
     }
