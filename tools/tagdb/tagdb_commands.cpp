@@ -131,7 +131,7 @@ int cmdScan(Options const& o) {
         std::string line = escape(key && key->getString() ? key->getString() : "");
         TagdbRecord* rec = nullptr;
         it.get(rec);
-        if (a.has("-v")) line += " " + escape(bytesOf(rec));
+        if (a.has("-v")) line.append(" ").append(escape(bytesOf(rec)));
         line += '\n';
         std::fwrite(line.data(), 1, line.size(), stdout);
     }
