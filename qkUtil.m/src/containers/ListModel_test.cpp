@@ -173,7 +173,9 @@ struct ModelRun {
     void search(int i, bool flag, int how) {
         bool searchable = sorted && order != 0, was = flag;
         // Declared sorted over data out of order: order it, so answers are exact.
-        if (searchable && !inOrder(order)) ASSERT_NO_FATAL_FAILURE(sortBoth(order > 0));
+        if (searchable && !inOrder(order)) {
+            ASSERT_NO_FATAL_FAILURE(sortBoth(order > 0));
+        }
         if constexpr (!kOwns) {
             auto [lb, ub] = run(t, 0);
             ASSERT_EQ(list->isContained(t),

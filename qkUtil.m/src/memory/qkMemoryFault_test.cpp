@@ -36,8 +36,8 @@ TEST(qkMemoryShortage, ARefusalThatTheRetryOvercomesWarnsMemoryCritical) {
 }
 
 // Allocates until the C runtime refuses, with the address space limited to
-// what the process holds and 64 MiB more.
-void hog() {
+// what the process holds and 64 MiB more. (Unused in sanitizer builds.)
+[[maybe_unused]] void hog() {
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     rlimit rl;
