@@ -114,6 +114,15 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref);
     // ref = the root; Failed when its level is beyond any reachable height.
     Status loadRoot(TagdbNodeRef& ref);
+    // Runs descent() again while it returns Restart, 100 times at most; a
+    // reader overtaken again and again then gets Failed.
+    template <class Descent>
+    static Status descend(Descent descent) {
+        Status st = Restart;
+        for (int attempt = 0; st == Restart && attempt < 100; ++attempt)
+            st = descent();
+        return st == Restart ? Failed : st;
+    }
     // How many node indexes the store has taken over: a walk that sees it
     // change holds nodes of more than one version.
     int reloadCount() const { return reloads; }

@@ -13,14 +13,6 @@
 
 #include "tagdb/TagdbBlob.h"
 
-namespace {
-
-// A seek that the store's moving on sends back to the root is tried this
-// many times in all.
-constexpr int kDescents = 100;
-
-}  // namespace
-
 TagdbItr::TagdbItr(Tagdb* db, TagdbKey& key, Boolean copy)
     : tagdb(db),
       store(nullptr),
@@ -133,13 +125,12 @@ TagdbKey* TagdbItr::getKey() {
 // store moves on to a newer version under the descent, it starts over.
 TagdbCommon::Status TagdbItr::seek(TagdbKey* key, int tie) {
     busy = 1;
-    Status st = Restart;
-    for (int attempt = 0; st == Restart && attempt < kDescents; ++attempt) {
+    Status st = TagdbStore::descend([&] {
         unposition();
         TagdbNodeRef cur;
-        st = store->loadRoot(cur);
+        Status loaded = store->loadRoot(cur);
         int found = 0;
-        while (st == Ok) {
+        while (loaded == Ok) {
             TagdbNode* n = cur.node;
             int pos = found ? n->count - 1 : TagdbStore::search(n, *key, tie, found);
             if (n->isLeaf()) {
@@ -147,12 +138,13 @@ TagdbCommon::Status TagdbItr::seek(TagdbKey* key, int tie) {
                 break;
             }
             if (n->keys[pos]) parent.dup(n, pos);
-            st = store->loadChild(n, pos, cur);
+            loaded = store->loadChild(n, pos, cur);
         }
-    }
+        return loaded;
+    });
     busy = 0;
     if (st != Ok) unposition();
-    return st == Restart ? Failed : st;
+    return st;
 }
 
 // Moves past the current entry; unpositioned at the end of the tree.

@@ -19,19 +19,6 @@ namespace {
 // file, and refusing it bounds every descent (and the recursion of inserts).
 constexpr int kMaxHeight = 64;
 
-// A descent that the store's moving on sends back to the root is tried this
-// many times in all; a reader overtaken again and again then fails.
-constexpr int kDescents = 100;
-
-// Runs descent() again while it reports Restart.
-template <class Descent>
-TagdbCommon::Status descend(Descent descent) {
-    TagdbCommon::Status st = TagdbCommon::Restart;
-    for (int attempt = 0; st == TagdbCommon::Restart && attempt < kDescents; ++attempt)
-        st = descent();
-    return st == TagdbCommon::Restart ? TagdbCommon::Failed : st;
-}
-
 }  // namespace
 
 int TagdbStore::search(TagdbNode* n, TagdbKey& key, int tie, int& found) {
