@@ -35,14 +35,23 @@ void* qkRealloc(void* p, size_t size, char const* caller, int line) {
     return plat::rawRealloc(p, size);
 }
 
-char* qkStrdup(char const* s, char const* caller, int line) {
-    if (!s) return nullptr;
-    qkMemory* m = manager();
-    if (!m) return plat::rawStrdup(s);
+namespace {
+
+// A copy of s from the manager; null when out of memory.
+char* copyText(qkMemory* m, char const* s, char const* caller, int line) {
     size_t bytes = std::strlen(s) + 1;
     char* copy = static_cast<char*>(qkMemoryInternals::alloc(m, bytes, caller, line));
     if (copy) std::memcpy(copy, s, bytes);
     return copy;
+}
+
+}  // namespace
+
+char* qkStrdup(char const* s, char const* caller, int line) {
+    if (!s) return nullptr;
+    qkMemory* m = manager();
+    if (!m) return plat::rawStrdup(s);
+    return copyText(m, s, caller, line);
 }
 
 size_t qkMemSize(void* p) {
@@ -64,9 +73,7 @@ char* qkTempnam(char const* dir, char const* pfx) {
     if (!name) return nullptr;
     qkMemory* m = manager();
     if (!m) return name;  // already a C runtime copy
-    size_t bytes = std::strlen(name) + 1;
-    char* copy = static_cast<char*>(qkMemoryInternals::alloc(m, bytes, kManagerFile, 1593));
-    if (copy) std::memcpy(copy, name, bytes);
+    char* copy = copyText(m, name, kManagerFile, 1593);
     plat::rawFree(name);
     return copy;
 }

@@ -118,8 +118,7 @@ static void* growLarge(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, size_t 
         qkMemoryInternals::outOfMemory(m, "out of memory reallocating %u bytes\n", size, caller,
                                        line);
     }
-    moved->size = size;
-    moved->tag = TAG_LARGE_USED;
+    moved->size = size;  // the tag came along with the header
     return reinterpret_cast<char*>(moved + 1) + m->debugHeaderSize;
 }
 

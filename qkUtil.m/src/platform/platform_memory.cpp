@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/platform.h"
+#include "platform/platform_file.h"
 #include "platform/platform_memory.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -50,7 +51,7 @@ static void randomSuffix(char* out, unsigned long long& state) {
 char* tempName(char const* dir, char const* pfx) {
     char const* base = usableDirectory(dir) ? dir : nullptr;
     if (!base) {
-        char const* env = std::getenv("TMPDIR");
+        char const* env = tempDirectory();
         base = usableDirectory(env) ? env : "/tmp";
     }
     if (!pfx) pfx = "";
