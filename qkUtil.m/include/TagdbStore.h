@@ -114,6 +114,13 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref);
     // ref = the root; Failed when its level is beyond any reachable height.
     Status loadRoot(TagdbNodeRef& ref);
+    // A root splits only when full, so each level of height at least doubles
+    // the keys ever inserted: a root level above this can only come from a
+    // damaged file, and refusing it bounds every descent.
+    static constexpr int kMaxHeight = 64;
+    // Store and node versions grow by one per change and continue at 2
+    // rather than pass the int32 maximum (1 is the empty store's).
+    static int nextVersion(int v) { return v >= 0x7fffffff ? 2 : v + 1; }
     // Runs descent() again while it returns Restart, 100 times at most; a
     // reader overtaken again and again then gets Failed.
     template <class Descent>

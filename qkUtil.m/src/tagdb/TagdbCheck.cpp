@@ -11,7 +11,6 @@ namespace qk::tagdb {
 
 namespace {
 
-constexpr int kMaxHeight = 64;
 constexpr int kMaxWalks = 10;  // walks a store that keeps moving on may take
 
 std::string describe(TagdbKey* key) {
@@ -49,7 +48,7 @@ class Walker {
             return;
         }
         report_.height = root.node->level;
-        if (root.node->level > kMaxHeight) {
+        if (root.node->level > TagdbStore::kMaxHeight) {
             problem("the root's level " + std::to_string(root.node->level) + " is impossible");
             return;
         }

@@ -14,17 +14,6 @@
 #include "platform/platform_file.h"
 #include "qkMemory.h"
 
-namespace {
-
-// Store and node versions grow by one per change and continue at 2 rather
-// than pass the int32 maximum (1 is the empty store's).
-int nextVersion(int v) {
-    long long next = static_cast<long long>(v) + 1;
-    return next > INT_MAX ? 2 : static_cast<int>(next);
-}
-
-}  // namespace
-
 TagdbCommon::Status TagdbStore::writeVersion(int v) {
     if (file->open(versionPath(), WriteMode) != Ok) return Failed;
     Status wrote = file->writeInteger(v);

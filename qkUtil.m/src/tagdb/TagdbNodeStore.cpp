@@ -18,11 +18,6 @@ namespace {
 // been reread, this many times in all.
 constexpr int kLoadAttempts = 100;
 
-int nextNodeVersion(int v) {
-    long long next = (v < 0 ? -static_cast<long long>(v) : v) + 1;
-    return next > INT_MAX ? 2 : static_cast<int>(next);
-}
-
 int magnitude(int v) {
     return v == INT_MIN ? INT_MAX : v < 0 ? -v : v;
 }
@@ -139,7 +134,7 @@ void TagdbStore::markModified(TagdbNode* node) {
     node->modified = 1;
     long long id = node->id;
     if (id < 0 || id >= nodeCount) return;  // a node the reloaded index no longer has
-    if (newVersions[id] == 0) newVersions[id] = nextNodeVersion(committedVersions[id]);
+    if (newVersions[id] == 0) newVersions[id] = nextVersion(magnitude(committedVersions[id]));
     dirty = 1;
 }
 

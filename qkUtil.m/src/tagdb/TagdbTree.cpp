@@ -12,15 +12,6 @@
 
 #include "Tagdb.h"
 
-namespace {
-
-// A root splits only when full, so each level of height at least doubles the
-// keys ever inserted: a root level above this can only come from a damaged
-// file, and refusing it bounds every descent (and the recursion of inserts).
-constexpr int kMaxHeight = 64;
-
-}  // namespace
-
 int TagdbStore::search(TagdbNode* n, TagdbKey& key, int tie, int& found) {
     int low = 0, high = n->count - 2;  // the last entry's key is never compared
     while (low <= high) {
@@ -283,8 +274,7 @@ TagdbCommon::Status TagdbNodeRef::set(TagdbRecord* rec) {
         if (slot) slot->release();
         slot = rec;
     }
-    node->store->markModified(node);
-    return node->store->cacheTouch(node);
+    return update();
 }
 
 TagdbCommon::Status TagdbNodeRef::update() {
@@ -308,8 +298,7 @@ TagdbCommon::Status TagdbNodeRef::remove() {
     --n->count;
     n->keys[n->count] = nullptr;
     n->values[n->count].id = 0;
-    store->markModified(n);
-    return store->cacheTouch(n);
+    return self.update();
 }
 
 TagdbCommon::Status TagdbNodeRef::remove(TagdbNodeRef& parentRef) {
