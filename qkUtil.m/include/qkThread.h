@@ -52,8 +52,8 @@ class QK_EXPORT QK_CAPABILITY("mutex") qkMutex {
     static void* id();
 
   private:
-    void takeOwnership() {
-        owner_.store(id(), std::memory_order_relaxed);
+    void takeOwnership(void* me) {
+        owner_.store(me, std::memory_order_relaxed);
         recursion = 0;
     }
 

@@ -136,8 +136,7 @@ qkString& qkString::operator=(char const* s) {
         release();
         return *this;
     }
-    size_t n = std::strlen(s);
-    if (n > kMaxText) fatal("text too long", n);
+    unsigned n = checkedLength(s);
     // s may lie inside this string's own text. A private text is long enough
     // already and is moved down in place (resize would cut the source); a
     // shared one stays alive with its other sharers while this string gets a

@@ -54,10 +54,8 @@ void qkString::cat(char const* a, char const* b, char const* c) {
     int count = 0;
     for (char const* t : in) {
         if (!t) continue;
-        size_t len = std::strlen(t);
-        if (len > kMaxText) fatal("text too long", len);
         texts[count] = t;
-        lens[count++] = static_cast<unsigned>(len);
+        lens[count++] = checkedLength(t);
     }
     if (count) append(texts, lens, count);
 }

@@ -18,12 +18,13 @@ void* qkMutex::id() {
 }
 
 void qkMutex::lock() {
-    if (owner() == id()) {
+    void* me = id();
+    if (owner() == me) {
         recursion += 1;
         return;
     }
     plat::lockEnter(&section);
-    takeOwnership();
+    takeOwnership(me);
 }
 
 void qkMutex::unlock() {
@@ -36,7 +37,8 @@ void qkMutex::unlock() {
 }
 
 unsigned char qkMutex::trylock(int timeout) {
-    if (owner() == id()) {
+    void* me = id();
+    if (owner() == me) {
         recursion += 1;
         return 1;
     }
@@ -46,6 +48,6 @@ unsigned char qkMutex::trylock(int timeout) {
         if (plat::tickCount() - start >= static_cast<uint32_t>(timeout)) return 0;
         plat::sleepMs(10);
     }
-    takeOwnership();
+    takeOwnership(me);
     return 1;
 }
