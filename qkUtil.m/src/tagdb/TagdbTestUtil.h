@@ -81,8 +81,8 @@ inline Bytes le(long long v, int width) {
     return b;
 }
 inline Bytes sz(std::string const& s) {
-    Bytes b(s.begin(), s.end());
-    b.push_back(0);
+    Bytes b(s.size() + 1);  // the text and its NUL
+    std::copy(s.begin(), s.end(), b.begin());
     return b;
 }
 inline Bytes cat(std::initializer_list<Bytes> parts) {
