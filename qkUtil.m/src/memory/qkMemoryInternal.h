@@ -27,6 +27,7 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 
@@ -228,7 +229,17 @@ struct QK_EXPORT qkMemoryInternals {
     static void* allocLarge(qkMemory* m, MEMORY_THREAD* mt, size_t size, char const* caller,
                             int line);
     static void tuneLocked(qkMemory* m);
-    static void reportLargeCrossings(bool system, bool thread, char const* caller, int line);
+    // Charges a change of `bytes` and `count` in large blocks to the system and
+    // to `mt` under allocLock[24]; a crossed limit is reported after the lock
+    // is let go (a release never crosses one).
+    static void chargeLarge(qkMemory* m, MEMORY_THREAD* mt, long long bytes, long long count,
+                            char const* caller, int line);
+    // Whether a large block of `size` bytes, header included, fits the int of
+    // sys_alloc.
+    static bool largeFits(qkMemory* m, size_t size) {
+        size_t overhead = qk::memory::kHeaderSize + static_cast<size_t>(m->debugHeaderSize);
+        return size <= static_cast<size_t>(INT_MAX) - overhead;
+    }
     static void freeOwnedSlow(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, bool wasEmpty);
     static void freeRemote(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
                            char const* caller, int line);
