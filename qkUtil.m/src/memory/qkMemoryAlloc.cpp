@@ -189,12 +189,11 @@ void qkMemoryInternals::chargeLarge(qkMemory* m, MEMORY_THREAD* mt, long long by
 QK_NOINLINE void* qkMemoryInternals::allocLarge(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                                 char const* caller, int line) {
     if (!largeFits(m, size)) return nullptr;
-    size_t overhead = kHeaderSize + static_cast<size_t>(m->debugHeaderSize);
-    MEMORY_HEADER* h =
-        static_cast<MEMORY_HEADER*>(m->sys_alloc(static_cast<int>(size + overhead), caller, line));
+    MEMORY_HEADER* h = static_cast<MEMORY_HEADER*>(
+        m->sys_alloc(static_cast<int>(size) + overheadOf(m), caller, line));
     chargeLarge(m, mt, static_cast<long long>(size), 1, caller, line);
     h->size = size;
     h->tag = TAG_LARGE_USED;
     h->slot = 0;
-    return reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
+    return dataOf(m, h);
 }

@@ -100,15 +100,15 @@ QK_NOINLINE void qkMemoryInternals::freeOther(qkMemory* m, MEMORY_THREAD* mt, ME
 static void* growLarge(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, size_t size,
                        char const* caller, int line) {
     if (!qkMemoryInternals::largeFits(m, size)) return nullptr;
-    size_t overhead = kHeaderSize + static_cast<size_t>(m->debugHeaderSize);
     qkMemoryInternals::chargeLarge(m, mt, static_cast<long long>(size - h->size), 0, caller, line);
-    MEMORY_HEADER* moved = static_cast<MEMORY_HEADER*>(sysRealloc(h, size + overhead));
+    MEMORY_HEADER* moved = static_cast<MEMORY_HEADER*>(
+        sysRealloc(h, size + static_cast<size_t>(qkMemoryInternals::overheadOf(m))));
     if (!moved) {
         qkMemoryInternals::outOfMemory(m, "out of memory reallocating %u bytes\n", size, caller,
                                        line);
     }
     moved->size = size;  // the tag came along with the header
-    return reinterpret_cast<char*>(moved + 1) + m->debugHeaderSize;
+    return qkMemoryInternals::dataOf(m, moved);
 }
 
 // Blocks never shrink and never move to a smaller bucket: a request that

@@ -237,8 +237,7 @@ struct QK_EXPORT qkMemoryInternals {
     // Whether a large block of `size` bytes, header included, fits the int of
     // sys_alloc.
     static bool largeFits(qkMemory* m, size_t size) {
-        size_t overhead = qk::memory::kHeaderSize + static_cast<size_t>(m->debugHeaderSize);
-        return size <= static_cast<size_t>(INT_MAX) - overhead;
+        return size <= static_cast<size_t>(INT_MAX - overheadOf(m));
     }
     static void freeOwnedSlow(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, bool wasEmpty);
     static void freeRemote(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
@@ -308,7 +307,7 @@ struct QK_EXPORT qkMemoryInternals {
         sb->allocCount += 1;
         h->tag = qk::memory::TAG_SMALL_USED;
         h->owner = sb;
-        char* data = reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
+        char* data = dataOf(m, h);
         qk::memory::unpoison(data, sb->blockSize);
         if (QK_UNLIKELY(m->debug | qk::memory::loadRelaxed(m->fill))) {
             return finishBlock(m, sb, h, data, caller);
@@ -340,8 +339,18 @@ struct QK_EXPORT qkMemoryInternals {
         return allocSmall(m, mt, size, caller, line);
     }
 
+    // The block layout: the header, the debug slots, then the caller's data.
     QK_ALWAYS_INLINE static MEMORY_HEADER* headerOf(qkMemory* m, void* p) {
         return reinterpret_cast<MEMORY_HEADER*>(static_cast<char*>(p) - m->debugHeaderSize) - 1;
+    }
+    QK_ALWAYS_INLINE static char* dataOf(qkMemory* m, MEMORY_HEADER* h) {
+        return reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
+    }
+    // The bytes in front of the data: the header and the debug slots.
+    static int overheadOf(qkMemory* m) { return qk::memory::kHeaderSize + m->debugHeaderSize; }
+    // The distance from one block of a superblock to the next.
+    static int strideOf(qkMemory* m, MEMORY_SUPERBLOCK const* sb) {
+        return sb->blockSize + overheadOf(m);
     }
 
     QK_ALWAYS_INLINE static void free(qkMemory* m, void* p, char const* caller, int line) {

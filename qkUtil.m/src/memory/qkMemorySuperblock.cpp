@@ -70,7 +70,7 @@ void qkMemoryInternals::formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int
     sb->allocCount = 0;
     sb->freeCount.store(0, std::memory_order_relaxed);
     sb->free = sb->pending = nullptr;
-    int stride = sb->blockSize + kHeaderSize + m->debugHeaderSize;
+    int stride = strideOf(m, sb);
     sb->blockCount = kBlockArea / stride;
     char* block = reinterpret_cast<char*>(sb->firstBlock());
     for (int i = 0; i < sb->blockCount; ++i, block += stride) {
@@ -80,14 +80,13 @@ void qkMemoryInternals::formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int
         if (m->debugHeaderSize) std::memset(h + 1, 0, static_cast<size_t>(m->debugHeaderSize));
         h->next = sb->free;
         sb->free = h;
-        poison(reinterpret_cast<char*>(h + 1) + m->debugHeaderSize,
-               static_cast<size_t>(sb->blockSize));
+        poison(dataOf(m, h), static_cast<size_t>(sb->blockSize));
     }
 }
 
 // Marks every block released and gives the superblock back to the C runtime.
 static void releaseSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb) {
-    int stride = sb->blockSize + kHeaderSize + m->debugHeaderSize;
+    int stride = qkMemoryInternals::strideOf(m, sb);
     char* block = reinterpret_cast<char*>(sb->firstBlock());
     for (int i = 0; i < sb->blockCount; ++i, block += stride)
         reinterpret_cast<MEMORY_HEADER*>(block)->tag = TAG_RELEASED;
