@@ -54,10 +54,6 @@ void tellHandler(Crossings const& crossed) {
     if (crossed.thread) handler(QK_MEMORY_THREAD_LIMIT);
 }
 
-MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
-    return static_cast<MEMORY_SUPERBLOCK*>(node->ref());
-}
-
 }  // namespace
 
 // Takes the remote frees of the heap's reclaim list back. A superblock that
@@ -66,7 +62,7 @@ MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
 // The caller holds allocLock[b].
 static void reclaimList(qkMemory* m, MEMORY_THREAD* mt, int b) {
     for (LinkedList* n = mt->reclaim[b].next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = superblockOf(n);
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
         sb->reclaim.unlink();
         qkMemoryInternals::reclaimSuperblock(m, sb);
@@ -83,7 +79,7 @@ static void reclaimList(qkMemory* m, MEMORY_THREAD* mt, int b) {
 // The caller holds allocLock[b].
 static MEMORY_SUPERBLOCK* adoptFromKeep(qkMemory* m, int b) {
     for (LinkedList* n = m->keep[b].next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = superblockOf(n);
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
         sb->reclaim.unlink();
         qkMemoryInternals::reclaimSuperblock(m, sb);

@@ -319,7 +319,7 @@ struct QK_EXPORT qkMemoryInternals {
     QK_ALWAYS_INLINE static void* allocSmall(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                              char const* caller, int line) {
         int b = std::atomic_ref<signed char>(m->bucketNumber[size]).load(std::memory_order_acquire);
-        MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(mt->partial[b].next()->ref());
+        MEMORY_SUPERBLOCK* sb = superblockOf(mt->partial[b].next());
         if (QK_LIKELY(sb != nullptr)) {
             MEMORY_HEADER* h = sb->free;
             if (QK_LIKELY(h != nullptr)) return takeBlock(m, sb, h, caller);
@@ -337,6 +337,11 @@ struct QK_EXPORT qkMemoryInternals {
             return allocCounted(m, mt, size, caller, line);
         }
         return allocSmall(m, mt, size, caller, line);
+    }
+
+    // The superblock of a `link` or `reclaim` node; null for a list head.
+    QK_ALWAYS_INLINE static MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
+        return static_cast<MEMORY_SUPERBLOCK*>(node->ref());
     }
 
     // The block layout: the header, the debug slots, then the caller's data.

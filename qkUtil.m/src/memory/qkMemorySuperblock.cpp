@@ -143,7 +143,7 @@ void qkMemory::freeAll(int bucket) {
     allocLock[bucket]->lock();
     long long released = 0;
     for (LinkedList* n = keep[bucket].next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
         if (sb->allocCount != sb->freeCount.load(std::memory_order_relaxed)) continue;
         releaseSuperblock(this, sb);
