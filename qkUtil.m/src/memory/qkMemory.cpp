@@ -124,7 +124,8 @@ MEMORY_THREAD* qkMemoryInternals::threadSlow(qkMemory* m) {
     }
     qkMemoryThreadRecord* record = dead;
     if (!record) {
-        void* memory = sysAllocChecked(m, sizeof(qkMemoryThreadRecord), kManagerFile, 0);
+        void* memory =
+            m->sys_alloc(static_cast<int>(sizeof(qkMemoryThreadRecord)), kManagerFile, 0);
         record = new (memory) qkMemoryThreadRecord;
     }
     // The slot is set before anything below could allocate, so an allocation

@@ -105,8 +105,7 @@ static void refill(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, in
     if (!sb) {
         // The C runtime is asked with no allocLock held (see the lock order).
         lock->unlock();
-        sb = qkMemoryInternals::sysSuperblock(m, caller, line);
-        qkMemoryInternals::formatSuperblock(m, sb, b);
+        sb = qkMemoryInternals::newSuperblock(m, b, caller, line);
         lock->lock();
         systemCrossed =
             qkMemoryInternals::bump(m, m->summarySystemStats, m->systemStats, b, kSuperblockSize, 1,

@@ -251,9 +251,8 @@ struct QK_EXPORT qkMemoryInternals {
     // Dismantles and releases every heap record whose thread has ended; for
     // tests that want every superblock back in the keep pool.
     static int dismantleDead(qkMemory* m);
-    static void formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int b);
-    static MEMORY_SUPERBLOCK* sysSuperblock(qkMemory* m, char const* caller, int line);
-    static void* sysAllocChecked(qkMemory* m, size_t size, char const* caller, int line);
+    // A superblock of bucket b from the C runtime, cut into free blocks.
+    static MEMORY_SUPERBLOCK* newSuperblock(qkMemory* m, int b, char const* caller, int line);
     [[noreturn]] static void outOfMemory(qkMemory* m, char const* format, size_t size,
                                          char const* caller, int line);
     static void keepSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb) { m->keepSuperblock(sb); }

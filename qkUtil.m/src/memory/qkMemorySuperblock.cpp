@@ -4,6 +4,7 @@
 // returned to the C runtime (freeAll), and the adaptive buckets (tune).
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "memory/qkMemoryInternal.h"
 
@@ -51,20 +52,13 @@ void qkMemoryInternals::outOfMemory(qkMemory* m, char const* format, size_t size
     qkMemory::abort();
 }
 
-// Memory the manager needs for its own records; sizes are small.
-void* qkMemoryInternals::sysAllocChecked(qkMemory* m, size_t size, char const* caller, int line) {
-    return m->sys_alloc(static_cast<int>(size), caller, line);
-}
-
-MEMORY_SUPERBLOCK* qkMemoryInternals::sysSuperblock(qkMemory* m, char const* caller, int line) {
-    void* memory = m->sys_alloc(kSuperblockSize, caller, line);
-    return new (memory) MEMORY_SUPERBLOCK{};
-}
-
-// Cuts a new superblock into blocks of bucket b. The blocks are pushed onto
-// `free` in address order, so the block at the highest address is handed out
-// first. Every block starts free, with its debug slots zeroed.
-void qkMemoryInternals::formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int b) {
+// Takes a superblock from the C runtime and cuts it into blocks of bucket b.
+// The blocks are pushed onto `free` in address order, so the block at the
+// highest address is handed out first. Every block starts free, with its
+// debug slots zeroed.
+MEMORY_SUPERBLOCK* qkMemoryInternals::newSuperblock(qkMemory* m, int b, char const* caller,
+                                                    int line) {
+    MEMORY_SUPERBLOCK* sb = new (m->sys_alloc(kSuperblockSize, caller, line)) MEMORY_SUPERBLOCK{};
     sb->bucket = b;
     sb->blockSize = m->bucketSize[b];
     sb->allocCount = 0;
@@ -82,6 +76,7 @@ void qkMemoryInternals::formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int
         sb->free = h;
         poison(dataOf(m, h), static_cast<size_t>(sb->blockSize));
     }
+    return sb;
 }
 
 // Marks every block released and gives the superblock back to the C runtime.
