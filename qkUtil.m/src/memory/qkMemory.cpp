@@ -69,32 +69,33 @@ qkMemoryThreadRecord::~qkMemoryThreadRecord() {
     // thread handle.
 }
 
-void qkMemoryInternals::dismantle(qkMemory* m, MEMORY_THREAD* mt) {
-    // Every walk steps on before keepSuperblock() moves the current superblock away.
-    for (LinkedList* n = mt->full.next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+// Hands every superblock of a list to the keep pool. The walk steps on before
+// keepSuperblock() moves the current superblock away.
+static void keepAll(qkMemory* m, LinkedList& head) {
+    for (LinkedList* n = head.next(); n->ref();) {
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
-        m->keepSuperblock(sb);
+        qkMemoryInternals::keepSuperblock(m, sb);
     }
+}
+
+static void zeroStats(MEMORY_STATS& s) {
+    storeRelaxed(s.count, 0LL);
+    storeRelaxed(s.bytes, 0LL);
+    storeRelaxed(s.highwater, 0LL);
+}
+
+void qkMemoryInternals::dismantle(qkMemory* m, MEMORY_THREAD* mt) {
+    keepAll(m, mt->full);
     for (int b = 0; b < kBucketLimit; ++b) {
         m->allocLock[b]->lock();
-        for (LinkedList* list : {&mt->partial[b], &mt->reclaim[b]}) {
-            for (LinkedList* n = list->next(); n->ref();) {
-                MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
-                n = n->next();
-                m->keepSuperblock(sb);
-            }
-        }
+        keepAll(m, mt->partial[b]);
+        keepAll(m, mt->reclaim[b]);
         m->allocLock[b]->unlock();
     }
-    for (MEMORY_STATS& s : mt->stats) {
-        storeRelaxed(s.count, 0LL);
-        storeRelaxed(s.bytes, 0LL);
-        storeRelaxed(s.highwater, 0LL);
-    }
-    storeRelaxed(mt->summaryStats.count, 0LL);
-    storeRelaxed(mt->summaryStats.bytes, 0LL);
-    storeRelaxed(mt->summaryStats.highwater, 0LL);
+    for (MEMORY_STATS& s : mt->stats)
+        zeroStats(s);
+    zeroStats(mt->summaryStats);
 }
 
 // Destroys a record taken from the C runtime. The caller holds threadLock.
@@ -123,7 +124,8 @@ MEMORY_THREAD* qkMemoryInternals::threadSlow(qkMemory* m) {
     }
     qkMemoryThreadRecord* record = dead;
     if (!record) {
-        void* memory = sysAllocChecked(m, sizeof(qkMemoryThreadRecord), kManagerFile, 0);
+        void* memory =
+            m->sys_alloc(static_cast<int>(sizeof(qkMemoryThreadRecord)), kManagerFile, 0);
         record = new (memory) qkMemoryThreadRecord;
     }
     // The slot is set before anything below could allocate, so an allocation

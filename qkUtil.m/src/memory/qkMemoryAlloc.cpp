@@ -1,7 +1,6 @@
 // Allocation: the small path that takes a block from the calling thread's
 // superblocks without a lock, and the slow paths behind it (finding or making
 // a superblock with a free block, large blocks).
-#include <climits>
 #include <cstring>
 
 #include "memory/qkMemoryInternal.h"
@@ -55,10 +54,6 @@ void tellHandler(Crossings const& crossed) {
     if (crossed.thread) handler(QK_MEMORY_THREAD_LIMIT);
 }
 
-MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
-    return static_cast<MEMORY_SUPERBLOCK*>(node->ref());
-}
-
 }  // namespace
 
 // Takes the remote frees of the heap's reclaim list back. A superblock that
@@ -67,7 +62,7 @@ MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
 // The caller holds allocLock[b].
 static void reclaimList(qkMemory* m, MEMORY_THREAD* mt, int b) {
     for (LinkedList* n = mt->reclaim[b].next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = superblockOf(n);
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
         sb->reclaim.unlink();
         qkMemoryInternals::reclaimSuperblock(m, sb);
@@ -84,7 +79,7 @@ static void reclaimList(qkMemory* m, MEMORY_THREAD* mt, int b) {
 // The caller holds allocLock[b].
 static MEMORY_SUPERBLOCK* adoptFromKeep(qkMemory* m, int b) {
     for (LinkedList* n = m->keep[b].next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = superblockOf(n);
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
         sb->reclaim.unlink();
         qkMemoryInternals::reclaimSuperblock(m, sb);
@@ -110,8 +105,7 @@ static void refill(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, in
     if (!sb) {
         // The C runtime is asked with no allocLock held (see the lock order).
         lock->unlock();
-        sb = qkMemoryInternals::sysSuperblock(m, caller, line);
-        qkMemoryInternals::formatSuperblock(m, sb, b);
+        sb = qkMemoryInternals::newSuperblock(m, b, caller, line);
         lock->lock();
         systemCrossed =
             qkMemoryInternals::bump(m, m->summarySystemStats, m->systemStats, b, kSuperblockSize, 1,
@@ -159,33 +153,9 @@ QK_NOINLINE void* qkMemoryInternals::allocSlow(qkMemory* m, MEMORY_THREAD* mt, i
     }
 }
 
-// A large block: the C runtime's memory with a header in front. Sizes whose
-// total does not fit the int of sys_alloc are refused with null.
-QK_NOINLINE void* qkMemoryInternals::allocLarge(qkMemory* m, MEMORY_THREAD* mt, size_t size,
-                                                char const* caller, int line) {
-    size_t overhead = kHeaderSize + static_cast<size_t>(m->debugHeaderSize);
-    if (size > static_cast<size_t>(INT_MAX) - overhead) return nullptr;
-    MEMORY_HEADER* h =
-        static_cast<MEMORY_HEADER*>(m->sys_alloc(static_cast<int>(size + overhead), caller, line));
-    long long bytes = static_cast<long long>(size);
-    m->allocLock[kLargeIndex]->lock();
-    Crossings crossed;
-    crossed.system = bump(m, m->summarySystemStats, m->systemStats, kLargeIndex, bytes, 1,
-                          loadRelaxed(qkMemory::_systemLimit));
-    crossed.thread = bump(m, mt->summaryStats, mt->stats, kLargeIndex, bytes, 1,
-                          loadRelaxed(qkMemory::_threadLimit));
-    m->allocLock[kLargeIndex]->unlock();
-    reportLargeCrossings(crossed.system, crossed.thread, caller, line);
-    h->size = size;
-    h->tag = TAG_LARGE_USED;
-    h->slot = 0;
-    return reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
-}
-
 // On the large path a crossing is told to the handler and then warned about,
 // and only when a handler is set.
-void qkMemoryInternals::reportLargeCrossings(bool system, bool thread, char const* caller,
-                                             int line) {
+static void reportLargeCrossings(bool system, bool thread, char const* caller, int line) {
     void (*handler)(qkMemoryErrorId) = loadRelaxed(qkMemory::_memoryErrorHandler);
     if (!handler) return;
     if (system) {
@@ -196,4 +166,29 @@ void qkMemoryInternals::reportLargeCrossings(bool system, bool thread, char cons
         handler(QK_MEMORY_THREAD_LIMIT);
         qkMemory::warn("thread memory limit exceeded", caller, line);
     }
+}
+
+void qkMemoryInternals::chargeLarge(qkMemory* m, MEMORY_THREAD* mt, long long bytes,
+                                    long long count, char const* caller, int line) {
+    m->allocLock[kLargeIndex]->lock();
+    bool system = bump(m, m->summarySystemStats, m->systemStats, kLargeIndex, bytes, count,
+                       loadRelaxed(qkMemory::_systemLimit));
+    bool thread = bump(m, mt->summaryStats, mt->stats, kLargeIndex, bytes, count,
+                       loadRelaxed(qkMemory::_threadLimit));
+    m->allocLock[kLargeIndex]->unlock();
+    if (system || thread) reportLargeCrossings(system, thread, caller, line);
+}
+
+// A large block: the C runtime's memory with a header in front. Sizes whose
+// total does not fit the int of sys_alloc are refused with null.
+QK_NOINLINE void* qkMemoryInternals::allocLarge(qkMemory* m, MEMORY_THREAD* mt, size_t size,
+                                                char const* caller, int line) {
+    if (!largeFits(m, size)) return nullptr;
+    MEMORY_HEADER* h = static_cast<MEMORY_HEADER*>(
+        m->sys_alloc(static_cast<int>(size) + overheadOf(m), caller, line));
+    chargeLarge(m, mt, static_cast<long long>(size), 1, caller, line);
+    h->size = size;
+    h->tag = TAG_LARGE_USED;
+    h->slot = 0;
+    return dataOf(m, h);
 }

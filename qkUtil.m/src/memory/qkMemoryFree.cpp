@@ -1,7 +1,6 @@
 // Release and resize: the owner's lock-free release (its fast path is
 // qkMemoryInternals::free in qkMemoryInternal.h), the remote release that
 // parks a block on its superblock, large and foreign blocks, and realloc.
-#include <climits>
 #include <cstring>
 
 #include "memory/qkMemoryInternal.h"
@@ -87,10 +86,7 @@ QK_NOINLINE void qkMemoryInternals::freeOther(qkMemory* m, MEMORY_THREAD* mt, ME
         long long size = static_cast<long long>(h->size);
         h->tag = TAG_RELEASED;
         qk::platform::rawFree(h);
-        m->allocLock[kLargeIndex]->lock();
-        bump(m, m->summarySystemStats, m->systemStats, kLargeIndex, -size, -1, 0);
-        bump(m, mt->summaryStats, mt->stats, kLargeIndex, -size, -1, 0);
-        m->allocLock[kLargeIndex]->unlock();
+        chargeLarge(m, mt, -size, -1, caller, line);
     } else if (tag == TAG_SMALL_FREE) {
         qkMemory::warn("duplicate free", caller, line);
     } else {
@@ -103,23 +99,16 @@ QK_NOINLINE void qkMemoryInternals::freeOther(qkMemory* m, MEMORY_THREAD* mt, ME
 // Grows a large block in place in the C runtime, charging the growth first.
 static void* growLarge(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, size_t size,
                        char const* caller, int line) {
-    size_t overhead = kHeaderSize + static_cast<size_t>(m->debugHeaderSize);
-    if (size > static_cast<size_t>(INT_MAX) - overhead) return nullptr;
-    long long growth = static_cast<long long>(size - h->size);
-    m->allocLock[kLargeIndex]->lock();
-    bool system = qkMemoryInternals::bump(m, m->summarySystemStats, m->systemStats, kLargeIndex,
-                                          growth, 0, loadRelaxed(qkMemory::_systemLimit));
-    bool thread = qkMemoryInternals::bump(m, mt->summaryStats, mt->stats, kLargeIndex, growth, 0,
-                                          loadRelaxed(qkMemory::_threadLimit));
-    m->allocLock[kLargeIndex]->unlock();
-    qkMemoryInternals::reportLargeCrossings(system, thread, caller, line);
-    MEMORY_HEADER* moved = static_cast<MEMORY_HEADER*>(sysRealloc(h, size + overhead));
+    if (!qkMemoryInternals::largeFits(m, size)) return nullptr;
+    qkMemoryInternals::chargeLarge(m, mt, static_cast<long long>(size - h->size), 0, caller, line);
+    MEMORY_HEADER* moved = static_cast<MEMORY_HEADER*>(
+        sysRealloc(h, size + static_cast<size_t>(qkMemoryInternals::overheadOf(m))));
     if (!moved) {
         qkMemoryInternals::outOfMemory(m, "out of memory reallocating %u bytes\n", size, caller,
                                        line);
     }
     moved->size = size;  // the tag came along with the header
-    return reinterpret_cast<char*>(moved + 1) + m->debugHeaderSize;
+    return qkMemoryInternals::dataOf(m, moved);
 }
 
 // Blocks never shrink and never move to a smaller bucket: a request that

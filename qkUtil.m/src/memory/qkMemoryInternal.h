@@ -27,6 +27,7 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 
@@ -228,7 +229,16 @@ struct QK_EXPORT qkMemoryInternals {
     static void* allocLarge(qkMemory* m, MEMORY_THREAD* mt, size_t size, char const* caller,
                             int line);
     static void tuneLocked(qkMemory* m);
-    static void reportLargeCrossings(bool system, bool thread, char const* caller, int line);
+    // Charges a change of `bytes` and `count` in large blocks to the system and
+    // to `mt` under allocLock[24]; a crossed limit is reported after the lock
+    // is let go (a release never crosses one).
+    static void chargeLarge(qkMemory* m, MEMORY_THREAD* mt, long long bytes, long long count,
+                            char const* caller, int line);
+    // Whether a large block of `size` bytes, header included, fits the int of
+    // sys_alloc.
+    static bool largeFits(qkMemory* m, size_t size) {
+        return size <= static_cast<size_t>(INT_MAX - overheadOf(m));
+    }
     static void freeOwnedSlow(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, bool wasEmpty);
     static void freeRemote(qkMemory* m, MEMORY_THREAD* mt, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
                            char const* caller, int line);
@@ -241,9 +251,8 @@ struct QK_EXPORT qkMemoryInternals {
     // Dismantles and releases every heap record whose thread has ended; for
     // tests that want every superblock back in the keep pool.
     static int dismantleDead(qkMemory* m);
-    static void formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int b);
-    static MEMORY_SUPERBLOCK* sysSuperblock(qkMemory* m, char const* caller, int line);
-    static void* sysAllocChecked(qkMemory* m, size_t size, char const* caller, int line);
+    // A superblock of bucket b from the C runtime, cut into free blocks.
+    static MEMORY_SUPERBLOCK* newSuperblock(qkMemory* m, int b, char const* caller, int line);
     [[noreturn]] static void outOfMemory(qkMemory* m, char const* format, size_t size,
                                          char const* caller, int line);
     static void keepSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb) { m->keepSuperblock(sb); }
@@ -297,7 +306,7 @@ struct QK_EXPORT qkMemoryInternals {
         sb->allocCount += 1;
         h->tag = qk::memory::TAG_SMALL_USED;
         h->owner = sb;
-        char* data = reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
+        char* data = dataOf(m, h);
         qk::memory::unpoison(data, sb->blockSize);
         if (QK_UNLIKELY(m->debug | qk::memory::loadRelaxed(m->fill))) {
             return finishBlock(m, sb, h, data, caller);
@@ -309,7 +318,7 @@ struct QK_EXPORT qkMemoryInternals {
     QK_ALWAYS_INLINE static void* allocSmall(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                              char const* caller, int line) {
         int b = std::atomic_ref<signed char>(m->bucketNumber[size]).load(std::memory_order_acquire);
-        MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(mt->partial[b].next()->ref());
+        MEMORY_SUPERBLOCK* sb = superblockOf(mt->partial[b].next());
         if (QK_LIKELY(sb != nullptr)) {
             MEMORY_HEADER* h = sb->free;
             if (QK_LIKELY(h != nullptr)) return takeBlock(m, sb, h, caller);
@@ -329,8 +338,23 @@ struct QK_EXPORT qkMemoryInternals {
         return allocSmall(m, mt, size, caller, line);
     }
 
+    // The superblock of a `link` or `reclaim` node; null for a list head.
+    QK_ALWAYS_INLINE static MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
+        return static_cast<MEMORY_SUPERBLOCK*>(node->ref());
+    }
+
+    // The block layout: the header, the debug slots, then the caller's data.
     QK_ALWAYS_INLINE static MEMORY_HEADER* headerOf(qkMemory* m, void* p) {
         return reinterpret_cast<MEMORY_HEADER*>(static_cast<char*>(p) - m->debugHeaderSize) - 1;
+    }
+    QK_ALWAYS_INLINE static char* dataOf(qkMemory* m, MEMORY_HEADER* h) {
+        return reinterpret_cast<char*>(h + 1) + m->debugHeaderSize;
+    }
+    // The bytes in front of the data: the header and the debug slots.
+    static int overheadOf(qkMemory* m) { return qk::memory::kHeaderSize + m->debugHeaderSize; }
+    // The distance from one block of a superblock to the next.
+    static int strideOf(qkMemory* m, MEMORY_SUPERBLOCK const* sb) {
+        return sb->blockSize + overheadOf(m);
     }
 
     QK_ALWAYS_INLINE static void free(qkMemory* m, void* p, char const* caller, int line) {

@@ -4,6 +4,7 @@
 // returned to the C runtime (freeAll), and the adaptive buckets (tune).
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "memory/qkMemoryInternal.h"
 
@@ -51,26 +52,19 @@ void qkMemoryInternals::outOfMemory(qkMemory* m, char const* format, size_t size
     qkMemory::abort();
 }
 
-// Memory the manager needs for its own records; sizes are small.
-void* qkMemoryInternals::sysAllocChecked(qkMemory* m, size_t size, char const* caller, int line) {
-    return m->sys_alloc(static_cast<int>(size), caller, line);
-}
-
-MEMORY_SUPERBLOCK* qkMemoryInternals::sysSuperblock(qkMemory* m, char const* caller, int line) {
-    void* memory = m->sys_alloc(kSuperblockSize, caller, line);
-    return new (memory) MEMORY_SUPERBLOCK{};
-}
-
-// Cuts a new superblock into blocks of bucket b. The blocks are pushed onto
-// `free` in address order, so the block at the highest address is handed out
-// first. Every block starts free, with its debug slots zeroed.
-void qkMemoryInternals::formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int b) {
+// Takes a superblock from the C runtime and cuts it into blocks of bucket b.
+// The blocks are pushed onto `free` in address order, so the block at the
+// highest address is handed out first. Every block starts free, with its
+// debug slots zeroed.
+MEMORY_SUPERBLOCK* qkMemoryInternals::newSuperblock(qkMemory* m, int b, char const* caller,
+                                                    int line) {
+    MEMORY_SUPERBLOCK* sb = new (m->sys_alloc(kSuperblockSize, caller, line)) MEMORY_SUPERBLOCK{};
     sb->bucket = b;
     sb->blockSize = m->bucketSize[b];
     sb->allocCount = 0;
     sb->freeCount.store(0, std::memory_order_relaxed);
     sb->free = sb->pending = nullptr;
-    int stride = sb->blockSize + kHeaderSize + m->debugHeaderSize;
+    int stride = strideOf(m, sb);
     sb->blockCount = kBlockArea / stride;
     char* block = reinterpret_cast<char*>(sb->firstBlock());
     for (int i = 0; i < sb->blockCount; ++i, block += stride) {
@@ -80,14 +74,14 @@ void qkMemoryInternals::formatSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb, int
         if (m->debugHeaderSize) std::memset(h + 1, 0, static_cast<size_t>(m->debugHeaderSize));
         h->next = sb->free;
         sb->free = h;
-        poison(reinterpret_cast<char*>(h + 1) + m->debugHeaderSize,
-               static_cast<size_t>(sb->blockSize));
+        poison(dataOf(m, h), static_cast<size_t>(sb->blockSize));
     }
+    return sb;
 }
 
 // Marks every block released and gives the superblock back to the C runtime.
 static void releaseSuperblock(qkMemory* m, MEMORY_SUPERBLOCK* sb) {
-    int stride = sb->blockSize + kHeaderSize + m->debugHeaderSize;
+    int stride = qkMemoryInternals::strideOf(m, sb);
     char* block = reinterpret_cast<char*>(sb->firstBlock());
     for (int i = 0; i < sb->blockCount; ++i, block += stride)
         reinterpret_cast<MEMORY_HEADER*>(block)->tag = TAG_RELEASED;
@@ -144,7 +138,7 @@ void qkMemory::freeAll(int bucket) {
     allocLock[bucket]->lock();
     long long released = 0;
     for (LinkedList* n = keep[bucket].next(); n->ref();) {
-        MEMORY_SUPERBLOCK* sb = static_cast<MEMORY_SUPERBLOCK*>(n->ref());
+        MEMORY_SUPERBLOCK* sb = qkMemoryInternals::superblockOf(n);
         n = n->next();
         if (sb->allocCount != sb->freeCount.load(std::memory_order_relaxed)) continue;
         releaseSuperblock(this, sb);
