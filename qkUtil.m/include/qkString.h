@@ -179,6 +179,9 @@ class QK_EXPORT qkString {
     void grow(unsigned int len);
     // Only this string may write its text: inline, or a heap block it alone holds.
     bool isPrivate() const { return sp && (sp == &static_ || sp->refCount == 1); }
+    // Makes the text private (a null string becomes an empty one) and keeps
+    // its length known; returns that length.
+    unsigned makePrivate();
     void append(char const* const* texts, unsigned const* lens, int count);
     // Appends len bytes. A private text of known length with room takes them
     // at once, which is what the general path comes to in that case; the

@@ -157,35 +157,24 @@ int AbstractList<T, Name>::insertSorted(T const& x) {
 template <class T, char const* Name>
 int AbstractList<T, Name>::findSortedAfter(T const& x, bool& found, int after, bool first) const {
     if (!sorted_ || !compareFunction_) return -2;
-    found = false;
     if (after < -1) after = -1;
-    int result = after;
+    auto cmpAt = [&](int i) { return compareFunction_(*items_[i], x); };
+    int pos = halve(after + 1, count_, cmpAt, found);
+    // Not found: halve gives where x belongs, so the element before it is the
+    // last one below x (or `after` itself).
+    if (!found) return pos - 1;
+    if (!first) return pos;
+    // The lowest equal element: everything in after+1 .. pos is at most x, so
+    // search for the first position that does not compare below it.
     int lo = after + 1;
-    int hi = count_;
-    while (lo < hi) {
-        int mid = lo + (hi - lo) / 2;
-        int c = compareFunction_(*items_[mid], x);
-        if (c < 0) {
-            result = mid;
+    while (lo < pos) {
+        int mid = lo + (pos - lo) / 2;
+        if (cmpAt(mid) < 0)
             lo = mid + 1;
-        } else if (c > 0) {
-            hi = mid;
-        } else if (!first) {
-            found = true;
-            return mid;
-        } else if (mid - lo >= 2) {
-            // Equal, but lower equal elements may remain in lo .. mid-1: keep
-            // mid in the range and halve again.
-            hi = mid + 1;
-        } else {
-            // At most one position below mid is left; everything before lo
-            // compares below x.
-            found = true;
-            if (mid == lo || compareFunction_(*items_[lo], x) != 0) return mid;
-            return lo;
-        }
+        else
+            pos = mid;
     }
-    return result;
+    return lo;
 }
 
 template <class T, char const* Name>

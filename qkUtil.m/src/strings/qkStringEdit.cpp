@@ -60,33 +60,33 @@ void qkString::cat(char const* a, char const* b, char const* c) {
     if (count) append(texts, lens, count);
 }
 
-void qkString::toUpper() {
-    if (!sp) return;
+unsigned qkString::makePrivate() {
     unsigned n = length();
     update(1);
+    sp->reqLen = static_cast<int>(n);
+    return n;
+}
+
+void qkString::toUpper() {
+    if (!sp) return;
+    unsigned n = makePrivate();
     for (unsigned i = 0; i < n; ++i)
         sp->buf[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(sp->buf[i])));
-    sp->reqLen = static_cast<int>(n);
 }
 
 void qkString::reverse() {
-    unsigned n = length();
-    update(1);
+    unsigned n = makePrivate();
     char* b = sp->buf;
     for (unsigned i = 0, j = n; i + 1 < j; ++i, --j) {
         char t = b[i];
         b[i] = b[j - 1];
         b[j - 1] = t;
     }
-    sp->reqLen = static_cast<int>(n);
 }
 
 unsigned char qkString::prepareSQL(qkString& out) const {
     if (!sp) return 0;
-    qkString* self = const_cast<qkString*>(this);
-    unsigned n = length();
-    self->update(1);
-    self->sp->reqLen = static_cast<int>(n);
+    unsigned n = const_cast<qkString*>(this)->makePrivate();
     unsigned char escaped = 0;
     for (unsigned i = 0; i < n; ++i) {
         // Read through sp each time: out may be this very string.

@@ -62,6 +62,15 @@ void assignUtf8(qkString& s, Wide const* w) {
     qkFree(tmp, static_cast<char const*>(getCaller(16)), __LINE__);
 }
 
+// Writes the wide form of s's UTF-8 text into out. head() makes the text
+// private first, like every call that hands out the writable text, and is
+// null for a null string, which writes nothing.
+template <class Wide>
+void decodeInto(qkString& s, Wide* out) {
+    char const* text = s.head();
+    if (text && out) qk::utf::fromUtf8(text, std::strlen(text), out);
+}
+
 }  // namespace
 
 void qkString::convertToUTF8FromUnicode(wchar_t const* w) {
@@ -73,15 +82,11 @@ void qkString::convertToUTF8FromUnicode(char16_t const* w) {
 }
 
 void qkString::convertFromUTF8ToUnicode(wchar_t* out) {
-    if (!sp) return;
-    update(1);
-    if (out) qk::utf::fromUtf8(sp->buf, std::strlen(sp->buf), out);
+    decodeInto(*this, out);
 }
 
 void qkString::convertFromUTF8ToUnicode(char16_t* out) {
-    if (!sp) return;
-    update(1);
-    if (out) qk::utf::fromUtf8(sp->buf, std::strlen(sp->buf), out);
+    decodeInto(*this, out);
 }
 
 char* qkString::convertToLPSTR(wchar_t const* w) {

@@ -82,62 +82,78 @@ int encodeUtf8(char32_t c, char* out) {
     return 4;
 }
 
-size_t utf8Size(wchar_t const* w) {
-    size_t n = 0;
-    for (; *w; ++w)
-        n += utf8Length(checkUtf32(static_cast<char32_t>(*w)));
-    return n;
+namespace {
+
+// One code point from wide text, advancing past it: a UTF-32 unit is checked,
+// UTF-16 may take a surrogate pair.
+char32_t next(wchar_t const*& p) {
+    return checkUtf32(static_cast<char32_t>(*p++));
+}
+char32_t next(char16_t const*& p) {
+    return decodeUtf16(p);
 }
 
-size_t utf8Size(char16_t const* w) {
-    size_t n = 0;
-    while (*w)
-        n += utf8Length(decodeUtf16(w));
-    return n;
+// One code point into wide text: one UTF-32 unit, or one or two UTF-16 units.
+void put(wchar_t*& o, char32_t c) {
+    *o++ = static_cast<wchar_t>(c);
 }
-
-size_t toUtf8(wchar_t const* w, char* out) {
-    char* o = out;
-    for (; *w; ++w)
-        o += encodeUtf8(checkUtf32(static_cast<char32_t>(*w)), o);
-    *o = 0;
-    return o - out;
-}
-
-size_t toUtf8(char16_t const* w, char* out) {
-    char* o = out;
-    while (*w)
-        o += encodeUtf8(decodeUtf16(w), o);
-    *o = 0;
-    return o - out;
-}
-
-size_t fromUtf8(char const* s, size_t n, wchar_t* out) {
-    auto p = reinterpret_cast<unsigned char const*>(s);
-    auto end = p + n;
-    wchar_t* o = out;
-    while (p < end)
-        *o++ = static_cast<wchar_t>(decodeUtf8(p, end));
-    *o = 0;
-    return o - out;
-}
-
-size_t fromUtf8(char const* s, size_t n, char16_t* out) {
-    auto p = reinterpret_cast<unsigned char const*>(s);
-    auto end = p + n;
-    char16_t* o = out;
-    while (p < end) {
-        char32_t c = decodeUtf8(p, end);
-        if (c >= 0x10000) {
-            c -= 0x10000;
-            *o++ = static_cast<char16_t>(0xD800 + (c >> 10));
-            *o++ = static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-        } else {
-            *o++ = static_cast<char16_t>(c);
-        }
+void put(char16_t*& o, char32_t c) {
+    if (c >= 0x10000) {
+        c -= 0x10000;
+        *o++ = static_cast<char16_t>(0xD800 + (c >> 10));
+        *o++ = static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+    } else {
+        *o++ = static_cast<char16_t>(c);
     }
+}
+
+template <class Wide>
+size_t utf8SizeOf(Wide const* w) {
+    size_t n = 0;
+    while (*w)
+        n += utf8Length(next(w));
+    return n;
+}
+
+template <class Wide>
+size_t wideToUtf8(Wide const* w, char* out) {
+    char* o = out;
+    while (*w)
+        o += encodeUtf8(next(w), o);
     *o = 0;
     return o - out;
+}
+
+template <class Wide>
+size_t utf8ToWide(char const* s, size_t n, Wide* out) {
+    auto p = reinterpret_cast<unsigned char const*>(s);
+    auto end = p + n;
+    Wide* o = out;
+    while (p < end)
+        put(o, decodeUtf8(p, end));
+    *o = 0;
+    return o - out;
+}
+
+}  // namespace
+
+size_t utf8Size(wchar_t const* w) {
+    return utf8SizeOf(w);
+}
+size_t utf8Size(char16_t const* w) {
+    return utf8SizeOf(w);
+}
+size_t toUtf8(wchar_t const* w, char* out) {
+    return wideToUtf8(w, out);
+}
+size_t toUtf8(char16_t const* w, char* out) {
+    return wideToUtf8(w, out);
+}
+size_t fromUtf8(char const* s, size_t n, wchar_t* out) {
+    return utf8ToWide(s, n, out);
+}
+size_t fromUtf8(char const* s, size_t n, char16_t* out) {
+    return utf8ToWide(s, n, out);
 }
 
 }  // namespace qk::utf
