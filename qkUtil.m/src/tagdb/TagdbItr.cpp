@@ -275,9 +275,10 @@ TagdbCommon::Status TagdbItr::set(TagdbRecord* rec) {
     if (st == Ok && tagdb->getTransMode() == Deferred) {
         st = store->appendLog(key, rec);
     } else if (st == Ok && (!detached || reposition() == Ok)) {
-        if (store->cacheTouch(node) != Ok) st = Failed;
-        if (st == Ok && rec) return TagdbNodeRef::set(rec);
-        if (st == Ok) return remove();
+        // An attached iterator's node is cached (eviction detaches it first);
+        // the change itself moves the node to the front of the cache.
+        if (rec) return TagdbNodeRef::set(rec);
+        return remove();
     } else if (st == Ok) {
         st = Failed;  // the entry has gone
     }
