@@ -199,8 +199,6 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status evictOne();
     bool growTables();
     Status replayLog();
-    // Stores a replayed pair in this store's tree, as Tagdb::set does.
-    Status applyLogged(TagdbKey& key, TagdbRecord* rec);
     // Takes the lock for a commit of changes made without it (Deferred mode)
     // and checks that no other process committed meanwhile.
     Status lockUnchanged();

@@ -80,7 +80,7 @@ TagdbCommon::Status TagdbStore::replayLog() {
             abort();
             return Aborted;
         }
-        Status applied = applyLogged(*key, rec);
+        Status applied = treeSet(*key, rec);  // as Tagdb::set stores a pair
         key->release();
         if (applied != Ok) return Failed;
     }
