@@ -114,6 +114,12 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref);
     // ref = the root; Failed when its level is beyond any reachable height.
     Status loadRoot(TagdbNodeRef& ref);
+    // One descent from the root to the leaf entry of the first key >= key
+    // (tie 0) or > key (tie 1): leaf = that entry, found = an entry compared
+    // equal on the way, parent (when given) = the last inner entry with a
+    // key on the path, which holds the greatest key of the leaf. leaf and
+    // parent are released first. Restart as loadChild; run it in descend.
+    Status findLeaf(TagdbKey& key, int tie, TagdbNodeRef& leaf, TagdbNodeRef* parent, int& found);
     // A root splits only when full, so each level of height at least doubles
     // the keys ever inserted: a root level above this can only come from a
     // damaged file, and refusing it bounds every descent.
@@ -199,8 +205,6 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status evictOne();
     bool growTables();
     Status replayLog();
-    // Stores a replayed pair in this store's tree, as Tagdb::set does.
-    Status applyLogged(TagdbKey& key, TagdbRecord* rec);
     // Takes the lock for a commit of changes made without it (Deferred mode)
     // and checks that no other process committed meanwhile.
     Status lockUnchanged();
@@ -210,7 +214,6 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
                        TagdbKey*& sep, TagdbNodeRef& sibling);
     Status splitNode(TagdbNode* x, int i, TagdbNodeRef* ref, TagdbKey*& sep, TagdbNodeRef& sibling);
     Status growRoot(TagdbNode* oldRoot, TagdbKey* sep, TagdbNode* sibling);
-    Status lookup(TagdbKey& key, TagdbRecord*& rec);
     Status removeKey(TagdbKey& key);
     void deleteEntry(TagdbCacheEntry* entry);
     Status createLog();

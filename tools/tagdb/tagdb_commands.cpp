@@ -127,8 +127,7 @@ int cmdScan(Options const& o) {
     int more = 0;
     TagdbCommon::Status st;
     while ((st = it.next(more)) == TagdbCommon::Ok && more) {
-        auto* key = dynamic_cast<TagdbStringKey*>(it.getKey());
-        std::string line = escape(key && key->getString() ? key->getString() : "");
+        std::string line = escape(keyOf(it));
         TagdbRecord* rec = nullptr;
         it.get(rec);
         if (a.has("-v")) line.append(" ").append(escape(bytesOf(rec)));

@@ -32,11 +32,9 @@ int cmdDump(Options const& o) {
         TagdbItr it(&s.db(), "");
         int more = 0;
         while ((st = it.next(more)) == TagdbCommon::Ok && more) {
-            auto* key = dynamic_cast<TagdbStringKey*>(it.getKey());
             TagdbRecord* rec = nullptr;
             it.get(rec);
-            std::string line = escape(key && key->getString() ? key->getString() : "") + " " +
-                               escape(bytesOf(rec)) + "\n";
+            std::string line = escape(keyOf(it)) + " " + escape(bytesOf(rec)) + "\n";
             std::fwrite(line.data(), 1, line.size(), stdout);
             progress.update(++count);
         }

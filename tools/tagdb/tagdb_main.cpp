@@ -301,6 +301,11 @@ std::string_view bytesOf(TagdbRecord* rec) {
                 : std::string_view();
 }
 
+std::string_view keyOf(TagdbItr& it) {
+    auto* key = dynamic_cast<TagdbStringKey*>(it.getKey());
+    return key && key->getString() ? key->getString() : "";
+}
+
 }  // namespace tagdbtool
 
 using namespace tagdbtool;

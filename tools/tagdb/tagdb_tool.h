@@ -92,6 +92,8 @@ class Progress {
 
 // The record's bytes (a record that is not a byte run has none).
 std::string_view bytesOf(TagdbRecord* rec);
+// The text of the iterator's current key ("" for a key that is not a string).
+std::string_view keyOf(TagdbItr& it);
 
 int cmdGet(Options const& o);
 int cmdSet(Options const& o);

@@ -34,9 +34,7 @@ TagdbCommon::Status TagdbStore::prepare() {
     if (!dirty) return Ok;
     for (LinkedList* link = lru.next(); link != &lru; link = link->next()) {
         TagdbNode* node = static_cast<TagdbCacheEntry*>(link->ref())->node;
-        if (node->modified && effectiveVersion(node->id) > 0 && writeNode(node) != Ok) {
-            return Failed;
-        }
+        if (writeNode(node) != Ok) return Failed;  // skips unchanged and freed nodes
     }
     newVersion = nextVersion(version);
     if (file->open(indexPath(newVersion), WriteMode) != Ok) return Failed;
@@ -80,7 +78,7 @@ TagdbCommon::Status TagdbStore::replayLog() {
             abort();
             return Aborted;
         }
-        Status applied = applyLogged(*key, rec);
+        Status applied = treeSet(*key, rec);  // as Tagdb::set stores a pair
         key->release();
         if (applied != Ok) return Failed;
     }

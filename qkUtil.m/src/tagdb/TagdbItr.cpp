@@ -125,23 +125,9 @@ TagdbKey* TagdbItr::getKey() {
 // store moves on to a newer version under the descent, it starts over.
 TagdbCommon::Status TagdbItr::seek(TagdbKey* key, int tie) {
     busy = 1;
-    Status st = TagdbStore::descend([&] {
-        unposition();
-        TagdbNodeRef cur;
-        Status loaded = store->loadRoot(cur);
-        int found = 0;
-        while (loaded == Ok) {
-            TagdbNode* n = cur.node;
-            int pos = found ? n->count - 1 : TagdbStore::search(n, *key, tie, found);
-            if (n->isLeaf()) {
-                dup(n, pos);
-                break;
-            }
-            if (n->keys[pos]) parent.dup(n, pos);
-            loaded = store->loadChild(n, pos, cur);
-        }
-        return loaded;
-    });
+    int found = 0;
+    Status st =
+        TagdbStore::descend([&] { return store->findLeaf(*key, tie, *this, &parent, found); });
     busy = 0;
     if (st != Ok) unposition();
     return st;
@@ -275,9 +261,10 @@ TagdbCommon::Status TagdbItr::set(TagdbRecord* rec) {
     if (st == Ok && tagdb->getTransMode() == Deferred) {
         st = store->appendLog(key, rec);
     } else if (st == Ok && (!detached || reposition() == Ok)) {
-        if (store->cacheTouch(node) != Ok) st = Failed;
-        if (st == Ok && rec) return TagdbNodeRef::set(rec);
-        if (st == Ok) return remove();
+        // An attached iterator's node is cached (eviction detaches it first);
+        // the change itself moves the node to the front of the cache.
+        if (rec) return TagdbNodeRef::set(rec);
+        return remove();
     } else if (st == Ok) {
         st = Failed;  // the entry has gone
     }

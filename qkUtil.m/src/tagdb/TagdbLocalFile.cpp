@@ -19,22 +19,28 @@ namespace {
 // all, before the operation gives up.
 constexpr int kAttempts = 100;
 
-// Closes a descriptor, retrying interruptions; true when it is released.
-bool closeDescriptor(int fd) {
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (plat::fileClose(fd) == 0) return true;
-        if (errno != EINTR) return false;
+// Runs call, a system call that fails with a negative result and errno,
+// again while it is interrupted (or, with busyToo, finds the file busy), at
+// most kAttempts times in all; returns the last result.
+template <typename Call>
+auto retried(Call call, bool busyToo = false) {
+    auto result = call();
+    for (int attempt = 1; attempt < kAttempts && result < 0; ++attempt) {
+        if (errno != EINTR && !(busyToo && errno == EBUSY)) break;
+        result = call();
     }
-    return false;
+    return result;
+}
+
+// Closes a descriptor; true when it is released. An interrupted close has
+// released it too, so there is nothing to retry.
+bool closeDescriptor(int fd) {
+    return plat::fileClose(fd) == 0;
 }
 
 // Cuts the file at the current offset, retrying interruptions.
 bool cutHere(int fd) {
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (plat::fileCut(fd) == 0) return true;
-        if (errno != EINTR) return false;
-    }
-    return false;
+    return retried([fd] { return plat::fileCut(fd); }) == 0;
 }
 
 }  // namespace
@@ -57,10 +63,9 @@ TagdbCommon::Status TagdbLocalFile::open(char const* path, FileMode m) {
     close();
     init(m);
     if (!path) return Failed;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        descriptor = m == WriteMode ? plat::fileOpenOverwrite(path) : plat::fileOpenRead(path);
-        if (descriptor >= 0 || errno != EINTR) break;
-    }
+    descriptor = retried([path, m] {
+        return m == WriteMode ? plat::fileOpenOverwrite(path) : plat::fileOpenRead(path);
+    });
     if (descriptor < 0) descriptor = -1;
     // A new file (the common case: node and index files get new names)
     // needs no cut; an existing one is cut after the last byte written.
@@ -72,10 +77,7 @@ TagdbCommon::Status TagdbLocalFile::openUnique(char* pattern) {
     close();
     init(WriteMode);
     if (!pattern) return Failed;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        descriptor = plat::fileCreateUnique(pattern);
-        if (descriptor >= 0 || errno != EINTR) break;
-    }
+    descriptor = retried([pattern] { return plat::fileCreateUnique(pattern); });
     if (descriptor < 0) descriptor = -1;
     cutAtClose = 0;
     return isOpen() ? Ok : Failed;
@@ -139,11 +141,7 @@ TagdbCommon::Status TagdbLocalFile::write(void const* buf, int size) {
 
 TagdbCommon::Status TagdbLocalFile::remove(char const* path) {
     if (!path) return Failed;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (plat::fileUnlink(path) == 0) return Ok;
-        if (errno != EINTR && errno != EBUSY) return Failed;
-    }
-    return Failed;
+    return retried([path] { return plat::fileUnlink(path); }, true) == 0 ? Ok : Failed;
 }
 
 namespace {

@@ -1,6 +1,6 @@
 // TagdbStore, fifth part: where the store meets the node tree and the
-// iterators. The store keeps the list of iterators registered on it; the
-// iterators and the tree supply detaching and applying a replayed pair.
+// iterators. The store keeps the list of iterators registered on it and
+// detaches them when the tree changes under them.
 #include <cstring>
 
 #include "Tagdb.h"
@@ -38,9 +38,4 @@ void TagdbStore::removeIterator(TagdbItr* itr) {
 void TagdbStore::detachIterators(long long nodeId) {
     for (int i = 0; i < iteratorCount; ++i)
         iterators[i]->restartIterator(nodeId);
-}
-
-// A pair from the deferred log goes into the tree as Tagdb::set puts it.
-TagdbCommon::Status TagdbStore::applyLogged(TagdbKey& key, TagdbRecord* rec) {
-    return treeSet(key, rec);
 }

@@ -64,24 +64,31 @@ TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& r
 
 // Once the key is found in an inner node it is the greatest key of that
 // entry's subtree, and so sits in the last entry of every node below.
-TagdbCommon::Status TagdbStore::treeGet(TagdbKey& key, TagdbRecord*& rec) {
-    return descend([&] { return lookup(key, rec); });
-}
-
-TagdbCommon::Status TagdbStore::lookup(TagdbKey& key, TagdbRecord*& rec) {
-    rec = nullptr;
-    TagdbNodeRef ref;
-    if (loadRoot(ref) != Ok) return Failed;
-    int found = 0;
+TagdbCommon::Status TagdbStore::findLeaf(TagdbKey& key, int tie, TagdbNodeRef& leaf,
+                                         TagdbNodeRef* parent, int& found) {
+    leaf.release();
+    if (parent) parent->release();
+    found = 0;
+    TagdbNodeRef cur;
+    if (loadRoot(cur) != Ok) return Failed;
     while (true) {
-        TagdbNode* n = ref.node;
-        int pos = found ? n->count - 1 : search(n, key, 0, found);
+        TagdbNode* n = cur.node;
+        int pos = found ? n->count - 1 : search(n, key, tie, found);
         if (n->isLeaf()) {
-            if (found) rec = n->values[pos].record;
+            leaf.dup(n, pos);
             return Ok;
         }
-        if (Status st = loadChild(n, pos, ref); st != Ok) return st;
+        if (parent && n->keys[pos]) parent->dup(n, pos);
+        if (Status st = loadChild(n, pos, cur); st != Ok) return st;
     }
+}
+
+TagdbCommon::Status TagdbStore::treeGet(TagdbKey& key, TagdbRecord*& rec) {
+    TagdbNodeRef leaf;
+    int found = 0;
+    Status st = descend([&] { return findLeaf(key, 0, leaf, nullptr, found); });
+    rec = st == Ok && found ? leaf.node->values[leaf.index].record : nullptr;
+    return st;
 }
 
 // ---- Find or insert ---------------------------------------------------------
@@ -236,27 +243,12 @@ TagdbCommon::Status TagdbStore::treeSet(TagdbKey& key, TagdbRecord* rec) {
     return st;
 }
 
-// Descends as the lookup does, keeping the last inner entry with a key on
-// the path: it holds the greatest key of the leaf reached.
+// The leaf entry is removed given the parent entry the descent noted.
 TagdbCommon::Status TagdbStore::removeKey(TagdbKey& key) {
     TagdbNodeRef cur, parent;
     int found = 0;
-    Status st = descend([&] {
-        parent.release();
-        found = 0;
-        if (loadRoot(cur) != Ok) return Failed;
-        while (!cur.node->isLeaf()) {
-            TagdbNode* n = cur.node;
-            int pos = found ? n->count - 1 : search(n, key, 0, found);
-            if (n->keys[pos]) parent.dup(n, pos);
-            if (Status loaded = loadChild(n, pos, cur); loaded != Ok) return loaded;
-        }
-        return Ok;
-    });
-    if (st != Ok) return st;
-    int pos = found ? cur.node->count - 1 : search(cur.node, key, 0, found);
-    if (!found) return Ok;
-    cur.index = pos;
+    Status st = descend([&] { return findLeaf(key, 0, cur, &parent, found); });
+    if (st != Ok || !found) return st;
     st = cur.remove(parent);
     if (st != Ok) treeFailed = 1;
     return st;
