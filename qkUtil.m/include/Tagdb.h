@@ -36,8 +36,9 @@ class QK_EXPORT Tagdb : public TagdbCommon {
   public:
     static constexpr int kMaxStores = 16;
 
-    // cacheSize >= 1: hash buckets and nodes kept in memory per store;
-    // maxEntries 3 to 512: most entries of a node. Both are taken as given.
+    // cacheSize: hash buckets and nodes kept in memory per store (below 1
+    // counts as 1); maxEntries: most entries of a node, clamped to 3..512
+    // (a node file holds at most 512 entries, and a split needs three).
     explicit Tagdb(int cacheSize = 32, int maxEntries = 512,
                    TagdbFile* (*fileFactory)() = TagdbLocalFile::newInstance);
     ~Tagdb() override;

@@ -60,6 +60,9 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status prepare();
     // Rewrites the version file with v.
     Status writeVersion(int v);
+    // After a failed publication: the version file as this transaction found
+    // it (removed again when a Recreate found none).
+    Status putBackVersion();
     // After publication: removes superseded files, releases the lock and
     // takes the new version as committed.
     void cleanUp();
@@ -202,7 +205,8 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     void dropMoved(int const* oldVersions, long long oldCount);
     Status readNode(TagdbNode* node);
     Status readEntries(TagdbNode* node);
-    Status evictOne();
+    TagdbCacheEntry* evictionVictim();
+    Status evict(TagdbCacheEntry* entry);
     bool growTables();
     Status replayLog();
     // Takes the lock for a commit of changes made without it (Deferred mode)
@@ -220,7 +224,24 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     void discardLog();
     void removeWrittenFiles();
 
+    Status beginRecreate();
+    void endTransaction();
+    int highestVersionOnDisk();
+
     int indexWritten;  // this transaction wrote N-x-newVersion
     int treeFailed;    // a tree change failed part-way: commit must not publish
     int reloads;       // node indexes taken over (reloadIndex)
+    // The tables describe an empty store whose root has no file: version 1,
+    // or a Recreate.
+    int fresh;
+    // A Recreate numbers every node and the store above this version, the
+    // highest any file of the store already carries, so that it never
+    // writes, and an abort never removes, a file of the earlier content.
+    int versionFloor;
+    int recreating;     // this transaction is a Recreate of the store
+    int recreatedOver;  // the published version it started over (0: none)
+    // Another process committed while this transaction held changes made
+    // without the lock: its view is gone and its commit must fail.
+    int viewMoved;
+    int logOnDisk;  // logName names a log of this transaction still on disk
 };

@@ -1,12 +1,14 @@
 // Files on POSIX descriptors: thin wrappers, one system call each.
 #include "platform/platform_file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace qk::platform {
 
@@ -57,6 +59,17 @@ char const* tempDirectory() {
 int fileCreateUnique(char* pattern) {
     // mkostemp opens with O_CREAT | O_EXCL and mode 0600.
     return ::mkostemp(pattern, O_CLOEXEC);
+}
+
+int listDirectory(char const* dir, void (*fn)(char const* name, void* ctx), void* ctx) {
+    DIR* d = ::opendir(dir && *dir ? dir : ".");
+    if (!d) return -1;
+    while (dirent* e = ::readdir(d)) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        fn(e->d_name, ctx);
+    }
+    ::closedir(d);
+    return 0;
 }
 
 }  // namespace qk::platform

@@ -50,4 +50,9 @@ QK_EXPORT char const* tempDirectory();
 // mode 0600. Returns its descriptor, or -1 with errno set.
 QK_EXPORT int fileCreateUnique(char* pattern);
 
+// Calls fn(name, ctx) for every entry of directory `dir` ("" or null: the
+// current directory), "." and ".." excepted, in no particular order.
+// Returns 0, or -1 with errno set when the directory cannot be read.
+QK_EXPORT int listDirectory(char const* dir, void (*fn)(char const* name, void* ctx), void* ctx);
+
 }  // namespace qk::platform

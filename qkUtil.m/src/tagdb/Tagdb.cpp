@@ -3,9 +3,19 @@
 
 #include <cstring>
 
+namespace {
+
+// A node holds at most 512 entries on disk (the reader refuses more) and a
+// split needs at least three.
+int clampEntries(int me) {
+    return me < 3 ? 3 : me > 512 ? 512 : me;
+}
+
+}  // namespace
+
 Tagdb::Tagdb(int cs, int me, TagdbFile* (*factory)())
-    : cacheSize(cs),
-      maxEntries(me),
+    : cacheSize(cs < 1 ? 1 : cs),
+      maxEntries(clampEntries(me)),
       storeCount(0),
       depth(0),
       transMode(Update),
@@ -87,7 +97,7 @@ TagdbCommon::Status Tagdb::rollbackPublish(int failed) {
     bool restored = true;
     for (int i = 0; i <= failed; ++i) {
         TagdbStore* s = stores[i];
-        if (s->dirty && s->writeVersion(s->version) != Ok) restored = false;
+        if (s->dirty && s->putBackVersion() != Ok) restored = false;
     }
     if (!restored) return RollbackFailed;  // the transaction stays open
     abortStores();

@@ -87,6 +87,8 @@ TagdbCommon::Status Tagdb::set(char const* name, TagdbRecord* rec) {
 }
 
 TagdbCommon::Status Tagdb::set(char const* name, void const* data, int n) {
+    // An open store and a transaction are checked before the arguments.
+    if (usable() != Ok) return usable();
     if (n < 0 || (!data && n != 0)) return Failed;
     TagdbRecord* rec = TagdbBlobRecord::newInstance(data, n);
     if (!rec) return Failed;

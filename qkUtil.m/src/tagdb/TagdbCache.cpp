@@ -40,15 +40,30 @@ TagdbCommon::Status TagdbStore::cacheInsert(TagdbNode* node) {
     entry->bucketLink.link(&cacheBuckets[node->id % cacheSize()], entry);
     entry->lruLink.link(&lru, entry);
     for (int evicted = 0; cachedCount > cacheSize() && evicted < kMaxEvictions; ++evicted) {
-        if (evictOne() != Ok) return Failed;
+        TagdbCacheEntry* victim = evictionVictim();
+        if (!victim) break;  // only changes that must stay in memory are left
+        if (evict(victim) != Ok) return Failed;
     }
     return Ok;
 }
 
-// The least recently used node leaves the cache; a changed node is written
-// first, and stays cached when that fails.
-TagdbCommon::Status TagdbStore::evictOne() {
-    TagdbCacheEntry* entry = entryOf(lru.prev());
+// The least recently used node that may leave the cache now. A changed node
+// is written when it leaves, and before the store is locked another process
+// may commit a file under the very name that write would use; so without the
+// lock (getRef changes in Deferred mode) changed nodes stay cached until the
+// commit has taken the lock and checked that the store did not move on.
+TagdbCacheEntry* TagdbStore::evictionVictim() {
+    bool mayWrite = locked || owner->transMode == Recreate;
+    for (LinkedList* link = lru.prev(); link != &lru; link = link->prev()) {
+        TagdbCacheEntry* entry = entryOf(link);
+        if (mayWrite || !entry->node->modified) return entry;
+    }
+    return nullptr;
+}
+
+// The entry's node leaves the cache; a changed node is written first, and
+// stays cached when that fails.
+TagdbCommon::Status TagdbStore::evict(TagdbCacheEntry* entry) {
     TagdbNode* node = entry->node;
     detachIterators(node->id);
     if (node->modified && writeNode(node) != Ok) return Failed;

@@ -21,13 +21,21 @@ TagdbCommon::Status TagdbStore::writeVersion(int v) {
     return wrote == Ok && closed == Ok ? Ok : Failed;
 }
 
+TagdbCommon::Status TagdbStore::putBackVersion() {
+    if (!recreating) return writeVersion(version);
+    if (recreatedOver) return writeVersion(recreatedOver);
+    return file->remove(versionPath()) == Ok || file->open(versionPath(), ReadMode) != Ok ? Ok
+                                                                                          : Failed;
+}
+
 TagdbCommon::Status TagdbStore::prepare() {
     if (treeFailed) return Failed;  // the tree may be half-changed: never publish it
+    if (viewMoved) return Failed;   // its changes rest on a version that is gone
     // Changes made straight to the tree without the lock (getRef in Deferred
     // mode) are committed only under the lock and only over the version
     // they were made on.
     if (dirty && !locked && owner->transMode != Recreate && lockUnchanged() != Ok) return Failed;
-    if (logFile.isOpen()) {
+    if (logOnDisk) {
         Status replayed = replayLog();
         if (replayed != Ok) return replayed;
     }
@@ -96,33 +104,47 @@ void TagdbStore::cleanUp() {
     }
     if (locked && file->unlock(name) == Ok) locked = 0;
     if (dirty) {
-        if (version != 1) file->remove(indexPath(version));
+        // An empty store has no index and no node file, and a Recreate
+        // leaves the earlier content's files alone.
+        if (!fresh) file->remove(indexPath(version));
         version = newVersion;
         for (long long id = 0; id < nodeCount; ++id) {
             if (!newVersions[id]) continue;
             int old = committedVersions[id];
-            // The root of an empty store (version 1) never had a file.
-            if (old > 0 && !(id == 0 && old == 1)) file->remove(nodePath(id, old));
+            if (old > 0 && !fresh) file->remove(nodePath(id, old));
             committedVersions[id] = newVersions[id];
             newVersions[id] = 0;
             writtenFlags[id] = 0;
         }
     }
+    // A Recreate that changed nothing published nothing: its empty tables
+    // describe no version on disk, so the next begin reloads.
+    else if (recreating) {
+        version = 0;
+    }
+    if (dirty) fresh = 0;
     dirty = 0;
+    endTransaction();
+}
+
+void TagdbStore::endTransaction() {
     indexWritten = 0;
     treeFailed = 0;
+    viewMoved = 0;
+    versionFloor = 0;
+    recreating = 0;
+    recreatedOver = 0;
 }
 
 TagdbCommon::Status TagdbStore::abort() {
     discardLog();
-    if (dirty) {
+    if (dirty || recreating) {
         removeWrittenFiles();
         dropCache();
         version = 0;  // the next begin reloads the index and clears the tables
         dirty = 0;
     }
-    indexWritten = 0;
-    treeFailed = 0;
+    endTransaction();
     if (locked && file->unlock(name) == Ok) locked = 0;
     return Aborted;
 }
@@ -138,7 +160,8 @@ void TagdbStore::removeWrittenFiles() {
 // ---- The deferred log -------------------------------------------------------
 
 TagdbCommon::Status TagdbStore::appendLog(TagdbKey* key, TagdbRecord* rec) {
-    if (!logFile.isOpen() && createLog() != Ok) return Failed;
+    if (!logOnDisk && createLog() != Ok) return Failed;
+    if (!logFile.isOpen()) return Failed;
     if (!key || key->write(&logFile) != Ok) return Failed;
     return (rec ? rec : nullRecord)->write(&logFile);
 }
@@ -157,11 +180,15 @@ TagdbCommon::Status TagdbStore::createLog() {
     }
     qkFree(logName, __FILE__, __LINE__);
     logName = pattern;
+    logOnDisk = 1;
     return Ok;
 }
 
+// Whatever happened to the log (a failed end mark, close or reopen), the
+// file it left in the temporary directory goes.
 void TagdbStore::discardLog() {
-    if (!logFile.isOpen()) return;
     logFile.close();
+    if (!logOnDisk) return;
     logFile.remove(logName);
+    logOnDisk = 0;
 }

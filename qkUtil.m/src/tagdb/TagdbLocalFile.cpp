@@ -95,11 +95,11 @@ TagdbCommon::Status TagdbLocalFile::close() {
     }
     if (cutAtClose && !failed && !cutHere(descriptor)) failed = true;
     cutAtClose = 0;
-    if (closeDescriptor(descriptor)) {
-        descriptor = -1;
-    } else {
-        failed = true;
-    }
+    // A close that fails has released the descriptor all the same on Linux,
+    // and its number may already belong to a file opened since: never close
+    // it again.
+    if (!closeDescriptor(descriptor)) failed = true;
+    descriptor = -1;
     return failed ? Failed : Ok;
 }
 

@@ -42,7 +42,11 @@ TagdbCommon::Status TagdbStore::loadNode(long long id, TagdbNodeRef& ref) {
         if (readNode(node) == Ok) return cacheInsert(node);
         // A reader without the lock may find a file already superseded:
         // when the version moved on, the tables were reloaded; read again.
-        if (attempt >= kLoadAttempts || begin() != Restart || id >= nodeCount) break;
+        // A Recreate has no other version to turn to.
+        if (attempt >= kLoadAttempts || owner->transMode == Recreate || begin() != Restart ||
+            id >= nodeCount) {
+            break;
+        }
     }
     ref.release();
     return Failed;
@@ -52,7 +56,7 @@ TagdbCommon::Status TagdbStore::readNode(TagdbNode* node) {
     node->clear();
     node->type = TagdbNode::Leaf;
     node->level = 1;
-    if (node->id == 0 && version == 1 && !writtenFlags[0]) {
+    if (node->id == 0 && fresh && !writtenFlags[0]) {
         node->count = 1;  // the empty root: the end entry alone
         return Ok;
     }
@@ -105,6 +109,13 @@ TagdbCommon::Status TagdbStore::writeNode(TagdbNode* node) {
     if (!node->modified) return Ok;
     int v = effectiveVersion(node->id);
     if (node->count == 0 || v <= 0) return Ok;
+    // Never over a file the committed version uses (nor, in a Recreate, one
+    // of the earlier content's): that file is what readers and a crash
+    // recovery rely on.
+    if (newVersions[node->id] <= 0 || (!fresh && v == committedVersions[node->id]) ||
+        (versionFloor && v <= versionFloor)) {
+        return Failed;
+    }
     if (file->open(nodePath(node->id, v), WriteMode) != Ok) return Failed;
     // The file exists from here on: an abort must find and remove it.
     writtenFlags[node->id] = 1;
@@ -134,7 +145,10 @@ void TagdbStore::markModified(TagdbNode* node) {
     node->modified = 1;
     long long id = node->id;
     if (id < 0 || id >= nodeCount) return;  // a node the reloaded index no longer has
-    if (newVersions[id] == 0) newVersions[id] = nextVersion(magnitude(committedVersions[id]));
+    if (newVersions[id] == 0) {
+        int base = magnitude(committedVersions[id]);
+        newVersions[id] = nextVersion(base > versionFloor ? base : versionFloor);
+    }
     dirty = 1;
 }
 

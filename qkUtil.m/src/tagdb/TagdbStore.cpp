@@ -8,6 +8,7 @@
 #include "Tagdb.h"
 #include "TagdbItr.h"
 #include "platform/platform.h"
+#include "platform/platform_file.h"
 #include "qkMemory.h"
 
 namespace {
@@ -78,7 +79,13 @@ TagdbStore::TagdbStore(Tagdb* db, TagdbKeyReader kr, TagdbRecordReader rr, void*
       iteratorCapacity(0),
       indexWritten(0),
       treeFailed(0),
-      reloads(0) {}
+      reloads(0),
+      fresh(0),
+      versionFloor(0),
+      recreating(0),
+      recreatedOver(0),
+      viewMoved(0),
+      logOnDisk(0) {}
 
 TagdbStore* TagdbStore::create(Tagdb* db, char const* storeName, TagdbKeyReader kr,
                                TagdbRecordReader rr, void* ud) {
@@ -149,13 +156,21 @@ char const* TagdbStore::nodePath(long long id, int v) {
 // ---- Begin ------------------------------------------------------------------
 
 TagdbCommon::Status TagdbStore::begin() {
+    if (owner->transMode == Recreate) return beginRecreate();
     if (owner->transMode == Update && !locked) {
         if (file->lock(name) != Ok) return Failed;
         locked = 1;
     }
     int old = version;
-    int v = 1;  // Recreate starts over without reading anything
-    if (owner->transMode != Recreate && readVersionFile(v) != Ok) return Failed;
+    int v = 1;
+    if (readVersionFile(v) != Ok) return Failed;
+    if (v != old && dirty) {
+        // Changes of this transaction rest on the old version's tables: a
+        // reload would give their nodes versions (and file names) of the new
+        // one. Keep them apart; the commit will fail.
+        viewMoved = 1;
+        return Failed;
+    }
     for (int attempt = 1;; ++attempt) {
         if (v == old) return Ok;  // the cache stays valid
         if (reloadIndex(v) == Ok) {
@@ -166,16 +181,92 @@ TagdbCommon::Status TagdbStore::begin() {
         // the version it read is already superseded and removed. Only an
         // index that fails while the version stays put is broken.
         int again = 0;
-        if (owner->transMode == Recreate || attempt >= kVersionAttempts ||
-            readVersionFile(again) != Ok || again == v) {
-            break;
-        }
+        if (attempt >= kVersionAttempts || readVersionFile(again) != Ok || again == v) break;
         v = again;
     }
     // The tables still describe the old version; forget which one, so that
     // the next begin reloads.
     version = 0;
     return Failed;
+}
+
+// A Recreate starts the store over, empty, without the lock and without
+// reading the earlier content. Its nodes and its index are numbered above
+// every version the store's files carry, so nothing it writes or removes
+// (on eviction, abort or failure) is a file of the earlier content, and its
+// commit publishes a version that every reader sees as new.
+TagdbCommon::Status TagdbStore::beginRecreate() {
+    int floor = highestVersionOnDisk();
+    int published = 0;
+    if (file->open(versionPath(), ReadMode) == Ok) {
+        Status got = file->readInteger(published);
+        if (file->close() != Ok || got != Ok || published < 1) published = 0;
+    }
+    // A failed publication must be able to put the earlier version back: a
+    // store with files whose version cannot be read is not started over.
+    if (!published && floor > 0) return Failed;
+    if (reloadIndex(1) != Ok) return Failed;
+    dropCache();  // cached nodes of the earlier content are not this store's
+    if (published > floor) floor = published;
+    recreating = 1;
+    recreatedOver = published;
+    versionFloor = floor;
+    version = floor >= 1 ? floor : 1;  // the commit publishes version + 1
+    return Restart;
+}
+
+namespace {
+
+// Parses "<digits>-<digits>" or "x-<digits>" (what follows "N-" in the
+// name of a node or index file) into its version; 0 when it is neither.
+int versionInName(char const* rest) {
+    char const* p = rest;
+    if (*p == 'x') {
+        ++p;
+    } else {
+        if (*p < '0' || *p > '9') return 0;
+        while (*p >= '0' && *p <= '9')
+            ++p;
+    }
+    if (*p++ != '-' || *p < '0' || *p > '9') return 0;
+    long long v = 0;
+    for (; *p >= '0' && *p <= '9'; ++p) {
+        v = v * 10 + (*p - '0');
+        if (v > INT_MAX) return INT_MAX;
+    }
+    return *p ? 0 : static_cast<int>(v);
+}
+
+struct VersionScan {
+    char const* base;
+    size_t baseLength;
+    int highest;
+};
+
+void scanName(char const* entry, void* ctx) {
+    VersionScan* scan = static_cast<VersionScan*>(ctx);
+    if (std::strncmp(entry, scan->base, scan->baseLength) != 0 || entry[scan->baseLength] != '-')
+        return;
+    int v = versionInName(entry + scan->baseLength + 1);
+    if (v > scan->highest) scan->highest = v;
+}
+
+}  // namespace
+
+// The highest version named by a node or index file of this store, leftovers
+// of crashed transactions included; 0 when there is none.
+int TagdbStore::highestVersionOnDisk() {
+    char const* slash = std::strrchr(name, '/');
+    VersionScan scan{slash ? slash + 1 : name, 0, 0};
+    scan.baseLength = std::strlen(scan.base);
+    if (!slash) {
+        qk::platform::listDirectory(".", scanName, &scan);
+        return scan.highest;
+    }
+    size_t dirLength = slash == name ? 1 : static_cast<size_t>(slash - name);
+    std::snprintf(pathBuffer, std::strlen(name) + 32, "%.*s", static_cast<int>(dirLength), name);
+    qk::platform::listDirectory(pathBuffer, scanName, &scan);
+    return scan.highest;
 }
 
 // Reads the store version from the version file. A store without one is
@@ -263,6 +354,10 @@ TagdbCommon::Status TagdbStore::reloadIndex(int v) {
     nodeCount = t.count;
     capacity = t.capacity;
     freeHint = t.freeHint;
+    fresh = v == 1;
+    recreating = 0;
+    versionFloor = 0;
+    recreatedOver = 0;
     dropMoved(oldVersions, oldCount);
     qkFree(oldVersions, __FILE__, __LINE__);
     ++reloads;

@@ -80,16 +80,17 @@ TEST(Tagdb, StoreFilesAcrossCommitsAndAborts) {
     EXPECT_EQ(dir.files(), (std::set<std::string>{"s", "s-x-2", "s-0-4", "s-1-2", "s-2-3"}));
     checkStore(dir, "s", 3, {{"d", z("d")}, {"e", z("e")}, {"f", z("f")}, {"g", z("g")}});
 
-    // Recreate starts over at version 1, without lock or reading; the earlier
-    // content's files are neither read nor removed.
+    // Recreate starts over empty, without the lock; the earlier content's
+    // files are neither read nor removed nor overwritten: the new content is
+    // numbered above the highest version on disk (s-0-4).
     ASSERT_EQ(db.start(T::Recreate), T::Ok);
     EXPECT_FALSE(fs::exists(dir / "s-lock"));
     EXPECT_EQ(entries(db), Content{});
     ASSERT_EQ(db.set("new", "3", 1), T::Ok);
     ASSERT_EQ(db.commit(), T::Ok);
-    EXPECT_EQ(readFile(dir / "s"), le(2, 4));
+    EXPECT_EQ(readFile(dir / "s"), le(5, 4));
     EXPECT_EQ(dir.files(),
-              (std::set<std::string>{"s", "s-x-2", "s-0-2", "s-0-4", "s-1-2", "s-2-3"}));
+              (std::set<std::string>{"s", "s-x-2", "s-0-4", "s-1-2", "s-2-3", "s-x-5", "s-0-5"}));
     checkStore(dir, "s", 3, {{"new", "3"}}, false);
 }
 
