@@ -67,6 +67,13 @@ class QK_EXPORT BaseList {
         return int((2u << (31 - __builtin_clz(above))) - 4);
     }
 
+    // The capacity setItem grows to for a position i (0 <= i < kMaxCapacity)
+    // beyond the current one: bestNewSize(i + 1), and for the last position,
+    // whose i + 1 no larger capacity exceeds, the largest capacity itself.
+    static int capacityFor(int i) {
+        return i < kMaxCapacity - 1 ? bestNewSize(i + 1) : kMaxCapacity;
+    }
+
     // Binary search over positions lo .. hi-1 of a sorted range, where
     // cmpAt(pos) compares the element at pos with the probe (element first).
     // Stops at whichever equal element the halving meets first: found is set
@@ -186,6 +193,9 @@ class AbstractList : public BaseList {
     int insertSortedUnique(T const& x, bool& found) {
         return insertSortedUniqueAfter(x, found, -1);
     }
+    // The same over positions after + 1 .. count-1; when none there is below
+    // x the position reported is after + 1 (an after at or past the end
+    // inserts at the end).
     int insertSortedUniqueAfter(T const& x, bool& found, int after);
 
     // Appends "set $AbstractList_<field> = 0x<offset>" debugger lines for

@@ -128,7 +128,8 @@ class QK_EXPORT IntList : public BaseList {
 
     // Removes element i (range-checked).
     void remove(int i) { removeItem(i); }
-    // Removes every element after position p; p = -1 empties the list.
+    // Removes every element after position p, the last first; p = -1 empties
+    // the list, and p below -1 ends in the range error of remove(-1).
     void removeAfter(int p);
 
     // A different compare function makes a list of two or more unsorted.

@@ -10,6 +10,7 @@
 // passes over read as null rather than as an element deleted long ago.
 #pragma once
 
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -93,8 +94,9 @@ void AbstractList<T, Name>::insertItem(int i, T const* p, bool unsort) {
 
 template <class T, char const* Name>
 void AbstractList<T, Name>::setItem(int i, T const* p, bool unsort) {
-    if (i < 0) BaseList::abort(i, Name, count_);
-    if (i >= size_) grow(bestNewSize(i + 1));
+    // A position no capacity can hold is a range error like a negative one.
+    if (i < 0 || i >= kMaxCapacity) BaseList::abort(i, Name, count_);
+    if (i >= size_) grow(capacityFor(i));
     items_[i] = const_cast<T*>(p);
     if (i >= count_) count_ = i + 1;
     if (unsort && count_ >= 2) sorted_ = 0;
@@ -158,6 +160,11 @@ template <class T, char const* Name>
 int AbstractList<T, Name>::findSortedAfter(T const& x, bool& found, int after, bool first) const {
     if (!sorted_ || !compareFunction_) return -2;
     if (after < -1) after = -1;
+    // Nothing after the end to search (and after + 1 need not be formed).
+    if (after >= count_) {
+        found = false;
+        return after;
+    }
     auto cmpAt = [&](int i) { return compareFunction_(*items_[i], x); };
     int pos = halve(after + 1, count_, cmpAt, found);
     // Not found: halve gives where x belongs, so the element before it is the
@@ -181,8 +188,10 @@ template <class T, char const* Name>
 int AbstractList<T, Name>::insertSortedUniqueAfter(T const& x, bool& found, int after) {
     int below = findSortedAfter(x, found, after, false);
     if (below == -2 || found) return below;
-    // An `after` at or beyond the end leaves x at the end: report where it went.
-    int pos = below + 1 < count_ ? below + 1 : count_;
+    // The position just after the last element below x, or after + 1 when
+    // none in the range is; one past the end (after >= count) inserts at the
+    // end like any insert, and still reports after + 1.
+    int pos = below < INT_MAX ? below + 1 : below;
     insertItem(pos, &x, false);
     return pos;
 }

@@ -145,9 +145,10 @@ void IntList::insert(int i, IntList const& o) {
 }
 
 void IntList::setItem(int i, int const* v, bool unsort) {
-    if (i < 0) BaseList::abort(i, nullptr, count_);
+    // A position no capacity can hold is a range error like a negative one.
+    if (i < 0 || i >= kMaxCapacity) BaseList::abort(i, nullptr, count_);
     int value = *v;
-    if (i >= size_) grow(bestNewSize(i + 1));
+    if (i >= size_) grow(capacityFor(i));
     items_[i] = value;
     if (i >= count_) count_ = i + 1;
     if (unsort && count_ >= 2) sorted_ = 0;
@@ -160,9 +161,11 @@ void IntList::removeItem(int i) {
     if (count_ < 2) sorted_ = 1;
 }
 
+// One position at a time, as remove would: below -1 the walk reaches a
+// negative position, which is the range error.
 void IntList::removeAfter(int p) {
-    while (count_ - 1 > p && count_ > 0)
-        removeItem(count_ - 1);
+    for (int i = count_ - 1; i > p; --i)
+        removeItem(i);
 }
 
 void IntList::setCompareFunction(CompareFunction f) {

@@ -203,7 +203,9 @@ struct ModelRun {
                 ASSERT_TRUE(pos >= lb && pos < ub && (how < 3 || !kOwns || pos == lb)) << pos;
             } else {
                 // Where t goes, or (findSortedAfter) the last smaller before it.
-                int miss = how == 1 || !kOwns ? lb : std::max({lb - 1, after, -1});
+                int miss = !kOwns     ? lb
+                           : how == 1 ? std::max(lb, after + 1)
+                                      : std::max({lb - 1, after, -1});
                 ASSERT_TRUE(lb == ub && pos == miss) << pos;
             }
             if (searchable && (how == 0 || (how == 1 && !flag))) insertAt(pos, t, false);

@@ -31,7 +31,7 @@ void qkString::release() {
         if (sp->refCount > 1)
             sp->refCount -= 1;
         else
-            qkFree(sp, static_cast<char const*>(getCaller(16)), __LINE__);
+            qkFree(sp, QK_STRING_FREE_TAG, __LINE__);
     }
     sp = nullptr;
 }
@@ -70,12 +70,10 @@ void qkString::grow(unsigned int len) {
     size_t bytes = kHeader + len + kSlack;
     qkStringRef* r;
     if (onHeap()) {
-        r = static_cast<qkStringRef*>(
-            qkRealloc(sp, bytes, static_cast<char const*>(getCaller(16)), __LINE__));
+        r = static_cast<qkStringRef*>(qkRealloc(sp, bytes, QK_STRING_ALLOC_TAG, __LINE__));
         if (!r) fatal("out of memory", bytes);
     } else {
-        r = static_cast<qkStringRef*>(
-            qkMalloc(bytes, static_cast<char const*>(getCaller(16)), __LINE__));
+        r = static_cast<qkStringRef*>(qkMalloc(bytes, QK_STRING_ALLOC_TAG, __LINE__));
         if (!r) fatal("out of memory", bytes);
         std::memcpy(r->buf, static_.buf, sizeof static_.buf);
         r->refCount = 1;

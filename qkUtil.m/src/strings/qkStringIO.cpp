@@ -1,8 +1,10 @@
 // qkString: stream input and output, Unicode conversion and the debugger
 // script's field offsets.
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <iostream>
 #include <istream>
 #include <ostream>
 
@@ -27,14 +29,41 @@ std::istream& operator>>(std::istream& is, qkString& s) {
     return is;
 }
 
+namespace {
+
+// Whether stdio has read ahead characters of `f` that no caller has taken yet.
+bool stdioHasInput(FILE* f) {
+#ifdef __GLIBC__
+    return f->_IO_read_ptr < f->_IO_read_end;
+#else
+    (void)f;
+    return false;
+#endif
+}
+
+// Whether the line feed that an earlier read leaves behind may be looked for
+// now. Characters waiting in the stream's buffer can always be looked at.
+// With none there, looking means waiting for input: harmless for a file, a
+// pipe or a string, where the read that follows would wait for the same
+// input, but not for a terminal, where it would take an empty line the user
+// types now for the end of the previous one. Standard input synchronised
+// with stdio (the default) keeps no buffer of its own, so what is waiting
+// there lies in stdin's buffer.
+bool lineEndMayWait(std::istream& in) {
+    std::streambuf* buf = in.rdbuf();
+    if (!buf) return false;
+    if (buf->in_avail() > 0) return true;
+    if (buf == std::cin.rdbuf() && isatty(STDIN_FILENO)) return stdioHasInput(stdin);
+    return true;
+}
+
+}  // namespace
+
 void qkString::scanFrom(std::istream& in) {
     if (std::ostream* tied = in.tie()) tied->flush();
     // A line feed left waiting by the previous read ends that line, not this
-    // one: skip it. Any other waiting character goes back.
-    if (in.rdbuf() && in.rdbuf()->in_avail() > 0) {
-        int c = in.get();
-        if (c != '\n' && c != std::char_traits<char>::eof()) in.putback(static_cast<char>(c));
-    }
+    // one: skip it. Anything else stays for the read below.
+    if (in.good() && lineEndMayWait(in) && in.peek() == '\n') in.ignore(1);
     char line[2048];
     line[0] = 0;
     in.get(line, sizeof line);
@@ -55,11 +84,10 @@ void assignUtf8(qkString& s, Wide const* w) {
     if (!w || !*w) return;
     size_t n = qk::utf::utf8Size(w);
     if (n > kMaxText) fatal("text too long", n);
-    char* tmp =
-        static_cast<char*>(qkMalloc(n + 1, static_cast<char const*>(getCaller(16)), __LINE__));
+    char* tmp = static_cast<char*>(qkMalloc(n + 1, QK_STRING_ALLOC_TAG, __LINE__));
     if (!tmp) fatal("out of memory", n + 1);
     if (qk::utf::toUtf8(w, tmp) > 0) s = tmp;
-    qkFree(tmp, static_cast<char const*>(getCaller(16)), __LINE__);
+    qkFree(tmp, QK_STRING_FREE_TAG, __LINE__);
 }
 
 // Writes the wide form of s's UTF-8 text into out. head() makes the text
@@ -92,8 +120,7 @@ void qkString::convertFromUTF8ToUnicode(char16_t* out) {
 char* qkString::convertToLPSTR(wchar_t const* w) {
     if (!w) return nullptr;
     size_t limit = std::wcslen(w) + 1;
-    char* out =
-        static_cast<char*>(qkMalloc(limit, static_cast<char const*>(getCaller(16)), __LINE__));
+    char* out = static_cast<char*>(qkMalloc(limit, QK_STRING_ALLOC_TAG, __LINE__));
     if (!out) return nullptr;
     // One character at a time, so that a character the locale cannot express
     // becomes "?" instead of ending the conversion, and a character that

@@ -20,6 +20,14 @@ constexpr unsigned kSlack = 32;
 constexpr unsigned kMaxText = qkString::maxLength;
 static_assert(kMaxText + kSlack == 0x7FFFFFFF);
 
+// The caller tags of the strings' allocations and releases: an address
+// inside the function that asks, or, with the manager's stack offsets (set
+// from QK_MEMORY_ALLOC_STACK_OFFSET / QK_MEMORY_FREE_STACK_OFFSET), a word
+// further up the stack. Macros, because getCaller must be called from that
+// very function.
+#define QK_STRING_ALLOC_TAG static_cast<char const*>(getCaller(16 + allocStackOffset))
+#define QK_STRING_FREE_TAG static_cast<char const*>(getCaller(16 + freeStackOffset))
+
 // The thread that owns new heap texts and may share them: qkMutex::id(),
 // read inline from the platform layer's cached thread id.
 inline void* currentThread() {

@@ -15,6 +15,7 @@
 #include <tuple>
 
 #include "StringTestSupport.h"
+#include "qkMemory.h"
 
 struct Model {
     bool null = true;
@@ -186,6 +187,90 @@ TEST(qkStringStreams, ReadsFollowTheModelAndOffsetsAreAppended) {
     out << null << "|" << a << "|" << std::setw(6) << a << "|";
     null.printOn(out);
     EXPECT_EQ(out.str(), "|abc|   abc|");
+}
+
+// Whatever kind of stream it is, each read skips the line feed that ended
+// the line before. Standard input synchronised with stdio keeps no buffer of
+// its own, so nothing is ever reported waiting there; it is read in a child
+// fed through a pipe, in both modes, with input whole and in pieces (a line
+// feed that arrives only after the line was read).
+TEST(qkStringStreams, EveryStreamKindReadsLineAfterLine) {
+    std::string const expected = "[one]\n[two]\n[three]\n";
+    auto run = [](std::string const& feed, char const* mode) {
+        std::string command = "(" + feed + ") | " QK_STDIN_READER " " + mode;
+        FILE* child = popen(command.c_str(), "r");
+        std::string out;
+        char chunk[256];
+        for (size_t n; child && (n = std::fread(chunk, 1, sizeof chunk, child)) > 0;)
+            out.append(chunk, n);
+        EXPECT_EQ(child ? pclose(child) : -1, 0) << command;
+        return out;
+    };
+    for (char const* mode : {"sync", "nosync"}) {
+        EXPECT_EQ(run("printf 'one\\ntwo\\nthree\\n'", mode), expected) << mode;
+        EXPECT_EQ(
+            run("printf 'one'; sleep 0.2; printf '\\ntwo\\n'; sleep 0.2; printf 'three'", mode),
+            expected)
+            << mode;
+    }
+
+    char path[] = "/tmp/qkStringLinesXXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    std::ofstream(path) << "one\ntwo\nthree\n";
+    std::ifstream file(path);
+    std::istringstream string("one\ntwo\nthree");
+    for (std::istream* in :
+         {static_cast<std::istream*>(&file), static_cast<std::istream*>(&string)}) {
+        std::string got;
+        for (qkString s; *in >> s;)
+            got += "[" + text(s) + "]\n";
+        EXPECT_EQ(got, expected);
+    }
+    unlink(path);
+}
+
+// The caller tag of a string's heap block moves up the stack with the
+// manager's allocation offset, and only with it. The tag is seen in the
+// warning of a crossed thread limit (given with an error handler set).
+TEST(qkStringTags, AllocationTagsFollowTheAllocationOffset) {
+    if (!qkMemory::getManager()) GTEST_SKIP() << "no memory manager";
+    static std::string warnings;
+    qkMemory::setPrintFunction([](char const* line) { warnings += line; });
+    qkMemory::_memoryErrorHandler = [](qkMemoryErrorId) {};
+    auto allocTag = [] {
+        // The thread holds something (a crossing is counted from there) and
+        // the limit lies just above it.
+        void* held = qkMalloc(16, "test", 0);
+        qkMemory::setThreadLimit(
+            static_cast<unsigned long long>(qkMemory::getThreadStats()->bytes) + 1000);
+        warnings.clear();
+        {
+            qkString s;
+            s.resize(5000, 0);  // a large block: its charge crosses the limit
+        }
+        qkFree(held, "test", 0);
+        unsigned tag = 0;
+        char const* what = "thread memory limit exceeded (0x";
+        size_t at = warnings.find(what);
+        EXPECT_NE(at, std::string::npos) << warnings;
+        if (at != std::string::npos)
+            std::sscanf(warnings.c_str() + at + std::strlen(what), "%x:", &tag);
+        return tag;
+    };
+    std::thread([&] {
+        unsigned alloc = allocTag();
+        freeStackOffset = 8;
+        EXPECT_EQ(allocTag(), alloc);
+        freeStackOffset = 0, allocStackOffset = 8;
+        EXPECT_NE(allocTag(), alloc);
+        allocStackOffset = 0;
+        EXPECT_EQ(allocTag(), alloc);
+        qkMemory::setThreadLimit(0);
+    }).join();
+    qkMemory::_memoryErrorHandler = nullptr;
+    qkMemory::setPrintFunction(nullptr);
 }
 
 // A heap text is shared only on the thread that made it; every other thread
