@@ -5,7 +5,9 @@
 //   end COUNT
 //
 // The closing count lets load tell a complete dump from one cut short.
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 
@@ -26,12 +28,15 @@ int cmdDump(Options const& o) {
     if (int e = s.begin(o.lock ? Session::LockedRead : Session::Read)) return e;
     std::printf("%s\n", kHeader);
     long long count = 0;
-    TagdbCommon::Status st;
+    TagdbCommon::Status st = TagdbCommon::Ok;
     {
         Progress progress("dump: entries");
         TagdbItr it(&s.db(), "");
         int more = 0;
-        while ((st = it.next(more)) == TagdbCommon::Ok && more) {
+        // A write blocked on a full pipe returns on a signal; one to a
+        // closed pipe fails (EPIPE): either ends the loop.
+        while (!interrupted() && !std::ferror(stdout) && (st = it.next(more)) == TagdbCommon::Ok &&
+               more) {
             TagdbRecord* rec = nullptr;
             it.get(rec);
             std::string line = escape(keyOf(it)) + " " + escape(bytesOf(rec)) + "\n";
@@ -39,12 +44,15 @@ int cmdDump(Options const& o) {
             progress.update(++count);
         }
     }
-    if (st != TagdbCommon::Ok) {  // no closing line: load refuses what was written
+    // No closing line in any of these cases: load refuses what was written.
+    if (interrupted() || std::ferror(stdout)) return outputFailed(s, "dump");
+    if (st != TagdbCommon::Ok) {
         fail("%s: a node of the store cannot be read; the dump is incomplete", o.store.c_str());
         return kDamaged;
     }
     std::printf("end %lld\n", count);
-    return std::fflush(stdout) == 0 ? kOk : kStoreError;
+    if (std::fflush(stdout) != 0) return outputFailed(s, "dump");
+    return kOk;
 }
 
 namespace {
@@ -79,7 +87,7 @@ bool loadEntries(std::istream& in, char const* source, Tagdb& db) {
         return false;
     }
     Progress progress("load: entries");
-    while (std::getline(in, line)) {
+    while (!interrupted() && std::getline(in, line)) {
         ++lineNo;
         if (line.compare(0, 4, "end ") == 0) {
             if (line != "end " + std::to_string(count) || std::getline(in, line)) {
@@ -99,7 +107,8 @@ bool loadEntries(std::istream& in, char const* source, Tagdb& db) {
         }
         progress.update(++count);
     }
-    fail("%s: the dump is cut short (no 'end' line)", source);
+    // A read blocked on a terminal or pipe returns on a signal.
+    if (!interrupted()) fail("%s: the dump is cut short (no 'end' line)", source);
     return false;
 }
 
@@ -127,8 +136,8 @@ int cmdLoad(Options const& o) {
     }
     if (!loadEntries(in, source, s.db())) {
         s.abort();
-        fail("nothing was loaded; the store is unchanged");
-        return kUsage;
+        fail("%snothing was loaded; the store is unchanged", interrupted() ? "interrupted; " : "");
+        return interrupted() ? kStoreError : kUsage;
     }
     return s.commit() ? kOk : kStoreError;
 }

@@ -5,6 +5,11 @@
 // command succeeded, so a store is never left half-changed. Reading commands
 // take no lock (as readers in Deferred mode) except dump and check, which
 // hold the lock for a consistent view unless --no-lock is given.
+//
+// SIGINT, SIGTERM and SIGHUP only raise a flag (interrupted()); SIGPIPE is
+// ignored, so writes to a closed pipe fail with EPIPE. The commands watch
+// the flag and their output, roll the transaction back (which removes the
+// lock file) and stop; run() then ends the process by the signal.
 #pragma once
 
 #include <cstdio>
@@ -27,10 +32,23 @@ struct Options {
     int cacheSize = 256;
     int maxEntries = 512;
     bool lock = true;  // dump, check: hold the store's lock
+    // How long taking the lock may wait for another process (clean: not at all).
+    unsigned lockWaitMs = 30000;
 };
 
+// The tool: parses the command line and runs the command. Installs the
+// signal handling; a process interrupted by a signal ends by that signal
+// after the command cleaned up.
+int run(int argc, char** argv);
+
+// The signal that interrupted the tool, 0 while none did.
+int interrupted();
+// Ends the process by the signal that interrupted it (call after cleaning up).
+[[noreturn]] void endBySignal();
+
 // A command's words after the command name: flags (words that begin with
-// '-', anywhere before a "--") and operands. `allowed` lists the
+// '-', anywhere before a "--") and operands; every word after "--" is an
+// operand. `allowed` lists the
 // flags; one that takes a value ends in '=' ("-f="). Prints the problem and
 // returns false on a flag not allowed or a missing value.
 struct Args {
@@ -48,12 +66,16 @@ int usageOf(Options const& o);
 class Session {
   public:
     enum Access { Read, LockedRead, Change };
-    explicit Session(Options const& o);
+    // fileFactory makes the store's files; the default waits for the lock
+    // only as long as Options::lockWaitMs and no longer once interrupted.
+    explicit Session(Options const& o, TagdbFile* (*fileFactory)() = nullptr);
     // Starts the transaction: Update for changes and locked reads, else
     // Deferred. A reading command on a store that does not exist fails
     // rather than create it. Prints the reason; returns kOk, kStoreError
     // (directory, store or lock) or kDamaged (the store's files).
     int begin(Access access);
+    // Commits; false (with the reason printed) when nothing was committed or
+    // the outcome is uncertain. An interrupted tool rolls back instead.
     bool commit();
     void abort();
     Tagdb& db() { return db_; }
@@ -61,9 +83,26 @@ class Session {
     Options const& options() const { return o_; }
 
   private:
+    // A Tagdb that can give up its open transaction without rolling it back.
+    class Db : public Tagdb {
+      public:
+        using Tagdb::Tagdb;
+        void forgetTransaction() { depth = 0; }
+    };
+    // After RollbackFailed: keeps every file, releases the lock.
+    void keepUncertain();
+
     Options o_;
-    Tagdb db_;
+    Db db_;
 };
+
+// What a commit's status means for the store.
+enum class CommitOutcome {
+    Committed,  // the new version is published
+    Unchanged,  // rolled back: the store is as before
+    Uncertain,  // RollbackFailed: the version file may name the new version
+};
+CommitOutcome commitOutcome(TagdbCommon::Status st);
 
 // Prints "tagdb: " and the message on standard error.
 void fail(char const* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -95,6 +134,10 @@ std::string_view bytesOf(TagdbRecord* rec);
 // The text of the iterator's current key ("" for a key that is not a string).
 std::string_view keyOf(TagdbItr& it);
 
+// After standard output failed or the tool was interrupted: rolls the
+// session's transaction back, tells why, returns kStoreError.
+int outputFailed(Session& s, char const* command);
+
 int cmdGet(Options const& o);
 int cmdSet(Options const& o);
 int cmdDel(Options const& o);
@@ -103,5 +146,6 @@ int cmdStat(Options const& o);
 int cmdCheck(Options const& o);
 int cmdDump(Options const& o);
 int cmdLoad(Options const& o);
+int cmdClean(Options const& o);
 
 }  // namespace tagdbtool

@@ -91,6 +91,7 @@ class Walker {
                 problem("node " + std::to_string(id) + " is reached twice");
                 continue;
             }
+            seen(id) = 1;  // reached: a node reported here is not reported again as unreached
             TagdbNodeRef child;
             if (store_->loadNode(id, child) != TagdbCommon::Ok) {
                 problem("node " + std::to_string(id) + " cannot be loaded");
