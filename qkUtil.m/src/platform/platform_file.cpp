@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace qk::platform {
@@ -59,6 +60,15 @@ char const* tempDirectory() {
 int fileCreateUnique(char* pattern) {
     // mkostemp opens with O_CREAT | O_EXCL and mode 0600.
     return ::mkostemp(pattern, O_CLOEXEC);
+}
+
+bool stdinWaitsForTerminal() {
+    if (!::isatty(STDIN_FILENO)) return false;
+#ifdef __GLIBC__
+    return stdin->_IO_read_ptr >= stdin->_IO_read_end;
+#else
+    return true;
+#endif
 }
 
 int listDirectory(char const* dir, void (*fn)(char const* name, void* ctx), void* ctx) {

@@ -53,6 +53,11 @@ QK_EXPORT int fileCreateUnique(char* pattern);
 // Calls fn(name, ctx) for every entry of directory `dir` ("" or null: the
 // current directory), "." and ".." excepted, in no particular order.
 // Returns 0, or -1 with errno set when the directory cannot be read.
+// Whether standard input is a terminal with no character waiting in stdio's
+// own buffer of stdin: looking at the next character would then wait for the
+// user to type one.
+QK_EXPORT bool stdinWaitsForTerminal();
+
 QK_EXPORT int listDirectory(char const* dir, void (*fn)(char const* name, void* ctx), void* ctx);
 
 }  // namespace qk::platform

@@ -1,12 +1,13 @@
 // qkString: stream input and output, Unicode conversion and the debugger
 // script's field offsets.
-#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <iostream>
 #include <istream>
 #include <ostream>
+
+#include "platform/platform_file.h"
 
 #include "strings/qkStringInternal.h"
 #include "strings/qkUtf.h"
@@ -31,16 +32,6 @@ std::istream& operator>>(std::istream& is, qkString& s) {
 
 namespace {
 
-// Whether stdio has read ahead characters of `f` that no caller has taken yet.
-bool stdioHasInput(FILE* f) {
-#ifdef __GLIBC__
-    return f->_IO_read_ptr < f->_IO_read_end;
-#else
-    (void)f;
-    return false;
-#endif
-}
-
 // Whether the line feed that an earlier read leaves behind may be looked for
 // now. Characters waiting in the stream's buffer can always be looked at.
 // With none there, looking means waiting for input: harmless for a file, a
@@ -53,7 +44,7 @@ bool lineEndMayWait(std::istream& in) {
     std::streambuf* buf = in.rdbuf();
     if (!buf) return false;
     if (buf->in_avail() > 0) return true;
-    if (buf == std::cin.rdbuf() && isatty(STDIN_FILENO)) return stdioHasInput(stdin);
+    if (buf == std::cin.rdbuf()) return !qk::platform::stdinWaitsForTerminal();
     return true;
 }
 

@@ -116,13 +116,12 @@ void TagdbStore::cleanUp() {
             newVersions[id] = 0;
             writtenFlags[id] = 0;
         }
-    }
-    // A Recreate that changed nothing published nothing: its empty tables
-    // describe no version on disk, so the next begin reloads.
-    else if (recreating) {
+        fresh = 0;
+    } else if (recreating) {
+        // A Recreate that changed nothing published nothing: its empty
+        // tables describe no version on disk, so the next begin reloads.
         version = 0;
     }
-    if (dirty) fresh = 0;
     dirty = 0;
     endTransaction();
 }
