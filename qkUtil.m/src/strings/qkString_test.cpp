@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
@@ -270,6 +271,45 @@ TEST(qkStringTags, AllocationTagsFollowTheAllocationOffset) {
         qkMemory::setThreadLimit(0);
     }).join();
     qkMemory::_memoryErrorHandler = nullptr;
+    qkMemory::setPrintFunction(nullptr);
+}
+
+// The caller tag of a string's release moves up the stack with the manager's
+// free offset, and only with it. The tag is seen in the warning of a
+// duplicate free: a bitwise twin of a string releases the heap block that the
+// string itself already gave back (the manager reports it and leaves it be).
+TEST(qkStringTags, ReleaseTagsFollowTheFreeOffset) {
+    if (!qkMemory::getManager()) GTEST_SKIP() << "no memory manager";
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the twin reads a block that the address sanitizer has poisoned";
+#endif
+    static std::string warnings;
+    qkMemory::setPrintFunction([](char const* line) { warnings += line; });
+    auto freeTag = [] {
+        alignas(qkString) unsigned char twin[sizeof(qkString)];
+        {
+            qkString s(std::string(100, 'x').c_str());  // a small heap block
+            std::memcpy(static_cast<void*>(twin), static_cast<void*>(&s), sizeof s);
+            warnings.clear();
+        }
+        reinterpret_cast<qkString*>(twin)->~qkString();  // the same block again
+        unsigned tag = 0;
+        char const* what = "duplicate free (0x";
+        size_t at = warnings.find(what);
+        EXPECT_NE(at, std::string::npos) << warnings;
+        if (at != std::string::npos)
+            std::sscanf(warnings.c_str() + at + std::strlen(what), "%x:", &tag);
+        return tag;
+    };
+    std::thread([&] {
+        unsigned freed = freeTag();
+        allocStackOffset = 8;
+        EXPECT_EQ(freeTag(), freed);
+        allocStackOffset = 0, freeStackOffset = 8;
+        EXPECT_NE(freeTag(), freed);
+        freeStackOffset = 0;
+        EXPECT_EQ(freeTag(), freed);
+    }).join();
     qkMemory::setPrintFunction(nullptr);
 }
 

@@ -4,6 +4,7 @@
 // with one failure at every file operation in turn, then with two failures
 // in the publication so that the rollback fails too. Whatever fails, the
 // files end up exactly as before the transaction or exactly as after it.
+// The same sweep runs as an Update and as a Recreate.
 #include "TagdbFaultFile.h"
 #include "TagdbTestUtil.h"
 
@@ -11,8 +12,8 @@ using namespace tagdbtest;
 
 namespace {
 
-T::Status transaction(Tagdb& db, TempDir const& dir) {
-    T::Status st = db.start(T::Update);
+T::Status transaction(Tagdb& db, TempDir const& dir, T::TransMode mode) {
+    T::Status st = db.start(mode);
     for (char const* name : {"a", "b"}) {
         if (st == T::Ok) st = db.activate((dir / name).c_str());
         if (st == T::Ok) st = db.set("k05", "changed");
@@ -24,7 +25,7 @@ T::Status transaction(Tagdb& db, TempDir const& dir) {
     return st == T::Ok ? db.commit() : st;
 }
 
-class FaultedCommit : public testing::Test {
+class FaultedCommit : public testing::TestWithParam<T::TransMode> {
   protected:
     void SetUp() override {
         Content keys;
@@ -37,7 +38,7 @@ class FaultedCommit : public testing::Test {
         Tagdb db(1, 3, FaultFile::newInstance);
         open(db, ref);
         FaultFile::arm({});
-        ASSERT_EQ(transaction(db, ref), T::Ok);
+        ASSERT_EQ(transaction(db, ref, GetParam()), T::Ok);
         total = FaultFile::operations;
         after = snapshot(ref);
     }
@@ -53,7 +54,7 @@ class FaultedCommit : public testing::Test {
         Tagdb db(1, 3, FaultFile::newInstance);
         open(db, work);
         FaultFile::arm(points);
-        T::Status st = transaction(db, work), outcome = st;
+        T::Status st = transaction(db, work, GetParam()), outcome = st;
         FaultFile::disarm();
         if (st == T::RollbackFailed) {
             EXPECT_TRUE(db.inTransaction());
@@ -70,7 +71,7 @@ class FaultedCommit : public testing::Test {
     long total = 0;
 };
 
-TEST_F(FaultedCommit, AnyFailureLeavesTheOldOrTheNewState) {
+TEST_P(FaultedCommit, AnyFailureLeavesTheOldOrTheNewState) {
     std::map<T::Status, int> seen;
     for (long k = 1; k <= total && !HasFailure(); ++k) {
         SCOPED_TRACE("failing operation " + std::to_string(k));
@@ -88,5 +89,12 @@ TEST_F(FaultedCommit, AnyFailureLeavesTheOldOrTheNewState) {
     EXPECT_GT(seen[T::Failed], 0);   // failures of node loads and writes
     EXPECT_GT(seen[T::RollbackFailed], 0);
 }
+
+// A Recreate builds the same changes over empty stores, under names above
+// every version on disk: the earlier content survives any failure.
+INSTANTIATE_TEST_SUITE_P(Modes, FaultedCommit, testing::Values(T::Update, T::Recreate),
+                         [](auto const& info) {
+                             return std::string(info.param == T::Update ? "Update" : "Recreate");
+                         });
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The node tree and its iterators against a model: random sets, deletes,
-// lookups, prefix walks, commits, aborts, Deferred transactions and
+// lookups, prefix walks, commits, aborts, Deferred and Recreate transactions and
 // reopenings on small nodes and tiny caches, with every key checked after
 // every step.
 // A walk changes the store between its steps (deletes and replacements
@@ -66,10 +66,7 @@ class TreeModel {
         for (int step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
             SCOPED_TRACE("step " + std::to_string(step));
             unsigned op = rng_() % 100;
-            if (op < 80 && !db_->inTransaction()) {
-                deferred_ = rng_() % 4 == 0;
-                ASSERT_EQ(db_->start(deferred_ ? T::Deferred : T::Update), T::Ok);
-            }
+            if (op < 80 && !db_->inTransaction()) start();
             if (op < 45) {
                 set(anyKey(), anyValue());
                 if (deferred_) checkLog();
@@ -82,6 +79,7 @@ class TreeModel {
             } else if (op < 97) {
                 EXPECT_EQ(db_->inTransaction() ? db_->abort() : T::Aborted, T::Aborted);
                 working_ = committed_;
+                recreating_ = false;
                 EXPECT_EQ(snapshot(dir_), files_);
                 EXPECT_TRUE(fs::is_empty(tmp_.path()));  // no log is left behind
             } else {
@@ -94,6 +92,20 @@ class TreeModel {
     }
 
   private:
+    // One transaction in four is Deferred, one in ten a Recreate that
+    // starts the store over, empty.
+    void start() {
+        unsigned kind = rng_() % 20;
+        deferred_ = kind < 5;
+        recreating_ = kind >= 18;
+        ASSERT_EQ(db_->start(deferred_     ? T::Deferred
+                             : recreating_ ? T::Recreate
+                                           : T::Update),
+                  T::Ok);
+        if (recreating_) working_.clear();
+        changed_ = false;
+    }
+
     std::string const& anyKey() { return keys_[rng_() % keys_.size()]; }
 
     std::string anyValue() {
@@ -112,6 +124,7 @@ class TreeModel {
                     : db_->set(k.c_str(), static_cast<TagdbRecord*>(nullptr)),
                   T::Ok);
         v ? void(working_[k] = *v) : void(working_.erase(k));
+        changed_ |= v.has_value();
     }
 
     // A Deferred transaction writes to a log of its own, readable only by
@@ -191,13 +204,32 @@ class TreeModel {
     void commit() {
         if (!db_->inTransaction()) return;
         ASSERT_EQ(db_->commit(), T::Ok);
+        // A commit publishes only a store it changed: a Recreate that
+        // inserted nothing leaves the earlier content in place.
+        if (recreating_ && !changed_) working_ = committed_, recreating_ = false;
         committed_ = working_;
-        checkStore(dir_, "s", maxEntries_, committed_);
+        checkStore(dir_, "s", maxEntries_, committed_, !recreating_);
+        if (recreating_) dropEarlierContent();
+        recreating_ = false;
         files_ = snapshot(dir_);
         EXPECT_TRUE(fs::is_empty(tmp_.path()));
     }
 
+    // A Recreate leaves the earlier content's files on disk; removes them as
+    // the tool's clean command would, so later checks can be exact.
+    void dropEarlierContent() {
+        Tagdb db(8, maxEntries_);
+        TagdbStore* s = openStore(db, dir_ / "s");
+        ASSERT_EQ(db.start(T::Deferred), T::Ok);
+        std::set<std::string> keep = filesOf(s, "s");
+        db.abort();
+        for (std::string const& f : dir_.files())
+            if (!keep.count(f)) fs::remove(dir_ / f);
+        checkStore(dir_, "s", maxEntries_, committed_);
+    }
+
     void reopen() {
+        recreating_ = false;
         db_ = std::make_unique<Tagdb>(cacheSize_, maxEntries_);
         openStore(*db_, dir_ / "s");
         working_ = committed_;
@@ -223,7 +255,8 @@ class TreeModel {
     std::vector<std::string> keys_;
     TempDir dir_, tmp_;
     std::unique_ptr<Tagdb> db_;
-    bool deferred_ = false;
+    bool deferred_ = false, recreating_ = false;
+    bool changed_ = false;  // the transaction inserted something
     Content committed_, working_;
     std::map<std::string, Bytes> files_;  // as the last commit left them
 };
