@@ -124,9 +124,13 @@ MEMORY_THREAD* qkMemoryInternals::threadSlow(qkMemory* m) {
     }
     qkMemoryThreadRecord* record = dead;
     if (!record) {
+        // Asked for without threadLock: a shortage may print a warning, and
+        // printLock comes first in the lock order.
+        m->threadLock->unlock();
         void* memory =
             m->sys_alloc(static_cast<int>(sizeof(qkMemoryThreadRecord)), kManagerFile, 0);
         record = new (memory) qkMemoryThreadRecord;
+        m->threadLock->lock();
     }
     // The slot is set before anything below could allocate, so an allocation
     // made while binding the record (the thread handle) finds this heap.

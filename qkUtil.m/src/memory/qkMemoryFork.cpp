@@ -4,10 +4,10 @@
 // on that path would hang. So every manager lock is taken around the fork and
 // released in both processes afterwards.
 //
-// The locks are taken in the manager's lock order: threadLock, printLock,
-// then the bucket locks. No path holds a bucket lock while it waits for
-// another lock, so taking all of them here cannot deadlock with a thread
-// that holds one.
+// The locks are taken in the manager's lock order: printLock, threadLock,
+// then the bucket locks. Every path that holds two takes them in that order
+// (a print function may allocate, and an allocation may tune), so taking all
+// of them here cannot deadlock with a thread that holds some.
 //
 // In the child, the heaps of the parent's other threads stay as they were
 // and are never adopted (their threads do not exist there, but were never
@@ -19,8 +19,8 @@ using namespace qk::memory;
 
 static void lockAllForFork() {
     qkMemory* m = qkMemory::getManager();
-    m->threadLock->lock();
     m->printLock->lock();
+    m->threadLock->lock();
     for (qkMutex* lock : m->allocLock)
         lock->lock();
 }
@@ -29,8 +29,8 @@ static void unlockAllAfterFork() {
     qkMemory* m = qkMemory::getManager();
     for (int i = kLargeIndex; i >= 0; --i)
         m->allocLock[i]->unlock();
-    m->printLock->unlock();
     m->threadLock->unlock();
+    m->printLock->unlock();
 }
 
 void qk::memory::registerForkHandlers() {

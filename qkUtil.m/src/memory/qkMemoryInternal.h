@@ -17,13 +17,20 @@
 // - threadLock guards `threads`, the tuning decision and the last retry of an
 //   allocation from the C runtime.
 //
-// Lock order (relied on wherever two are held): threadLock, then printLock,
-// then at most one allocLock. An allocLock is never held while waiting for
-// threadLock, printLock or another bucket's allocLock; the only nesting of
-// allocLocks is keepSuperblock() re-entering the lock of its own bucket, which the
-// recursive mutex allows. In particular the C runtime is asked for memory
-// (sys_alloc) with no allocLock held, because its shortage path takes every
-// allocLock in turn and then threadLock.
+// Lock order (relied on wherever two are held, and by the fork handlers that
+// take them all): printLock, then threadLock, then at most one allocLock.
+// - A warning holds printLock while the print function runs, and the print
+//   function may allocate: make a heap, tune (threadLock), take a bucket's
+//   allocLock. So no path may wait for printLock while it holds threadLock
+//   or an allocLock: warnings are raised after those are let go, and
+//   outOfMemory is called with neither held.
+// - An allocLock is never held while waiting for threadLock, printLock or
+//   another bucket's allocLock; the only nesting of allocLocks is
+//   keepSuperblock() re-entering the lock of its own bucket, which the
+//   recursive mutex allows.
+// - The C runtime is asked for memory (sys_alloc) with no allocLock and no
+//   threadLock held, because its shortage path takes every allocLock in
+//   turn, then threadLock, and may warn.
 #pragma once
 
 #include <atomic>

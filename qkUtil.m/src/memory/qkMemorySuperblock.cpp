@@ -17,9 +17,9 @@ void* (*sysRealloc)(void* p, size_t size) = qk::platform::rawRealloc;
 
 // ---- Taking memory from the C runtime -----------------------------------------
 
-// Called with no allocLock held: the shortage path takes each bucket's
-// allocLock in turn and then threadLock, which is only safe for a thread
-// that holds no allocLock (threadLock holders take allocLocks).
+// Called with no allocLock and no threadLock held: the shortage path takes
+// each bucket's allocLock in turn and then threadLock, and its warnings take
+// printLock, which comes before both in the lock order.
 void* qkMemory::sys_alloc(int size, char const* caller, int line) {
     void* p = sysMalloc(static_cast<size_t>(size));
     if (QK_LIKELY(p != nullptr)) return p;
@@ -28,11 +28,11 @@ void* qkMemory::sys_alloc(int size, char const* caller, int line) {
         freeAll(b);
     threadLock->lock();
     p = sysMalloc(static_cast<size_t>(size));
+    threadLock->unlock();
     if (!p) {
         qkMemoryInternals::outOfMemory(this, "out of memory allocating %u bytes\n",
                                        static_cast<size_t>(size), caller, line);
     }
-    threadLock->unlock();
     warn("memory critical", caller, line);
     return p;
 }

@@ -74,10 +74,12 @@ inline void tlsSet(int slot, void* value) {
 }
 
 // ---- Thread handles ------------------------------------------------------
-// A handle is a counted reference to the record of one thread. The record is
-// marked ended when its thread ends (from the thread-exit hook, after the
-// thread's other exit work), which is how a handle tells whether its thread
-// still runs. threadHandleDup gives a new handle of the calling thread,
+// A handle is a counted reference to the record of one thread, which is how
+// a handle tells whether its thread still runs. threadHandleEnded is true
+// only once the thread can no longer run user code (past its exit hook, and
+// the kernel has let it go); while the thread is still busy with its
+// teardown it answers false, after waiting a few milliseconds at most.
+// threadHandleDup gives a new handle of the calling thread,
 // threadHandleRetain one more reference to an existing handle; each needs one
 // threadHandleClose. threadHandleDup returns null only when out of memory.
 QK_EXPORT void* threadHandleDup();

@@ -11,6 +11,7 @@
 #include <new>
 
 #include "platform/platform.h"
+#include "platform/platform_thread_exit.h"
 
 namespace qk::platform {
 
@@ -58,12 +59,13 @@ uintptr_t threadIdSlow() {
 // that must be the very last thing on a thread (the sanitizers' thread
 // finalisers) re-arm to the final round, and nothing may run after them.
 //
-// Even then the C runtime still releases some per-thread buffers after the
-// last destructor, and those releases may reach the memory manager. So the
-// hook only marks the record as exiting; the thread counts as ended once the
-// kernel no longer knows its thread id, which is after its last instruction.
-// A reused id can only make a thread look alive longer (the safe direction),
-// and a thread caught in the last microseconds of its exit is waited for.
+// Even then the thread may go on: destructors of keys made after the hook's
+// that re-arm into the later rounds, and the C runtime's own releases after
+// the last destructor, may still allocate and free. So the hook only marks
+// the record as exiting; the thread counts as ended once the kernel shows it
+// can no longer run user code (platform_thread_exit.cpp), however long that
+// takes. Until then the answer is "not ended": a heap is never handed on
+// from a thread that still runs.
 
 namespace {
 struct ThreadRecord {
@@ -71,6 +73,7 @@ struct ThreadRecord {
     std::atomic<bool> exiting;  // the exit hook has run
     std::atomic<bool> ended;    // confirmed gone
     std::atomic<pid_t> tid;
+    std::atomic<long long> exitTicks;  // boot-time ticks when the hook ran
 };
 }  // namespace
 
@@ -93,6 +96,7 @@ static void threadExitHook(void* value) {
         return;
     }
     currentRecord = nullptr;
+    record->exitTicks.store(bootTicksNow(), std::memory_order_relaxed);
     record->exiting.store(true, std::memory_order_release);
     releaseRecord(record);
 }
@@ -106,7 +110,7 @@ void* threadHandleDup() {
     if (!record) {
         void* memory = rawAlloc(sizeof(ThreadRecord));
         if (!memory) return nullptr;
-        record = new (memory) ThreadRecord{{1}, {false}, {false}, {gettid()}};
+        record = new (memory) ThreadRecord{{1}, {false}, {false}, {gettid()}, {0}};
         pthread_once(&exitKeyOnce, makeExitKey);
         pthread_setspecific(exitKey, record);
         currentRecord = record;
@@ -119,20 +123,19 @@ void threadHandleRetain(void* handle) {
     static_cast<ThreadRecord*>(handle)->refs.fetch_add(1, std::memory_order_relaxed);
 }
 
-static bool threadIdGone(pid_t tid) {
-    return syscall(SYS_tgkill, getpid(), tid, 0) == -1 && errno == ESRCH;
-}
-
 bool threadHandleEnded(void* handle) {
     ThreadRecord* record = static_cast<ThreadRecord*>(handle);
     if (record->ended.load(std::memory_order_acquire)) return true;
     if (!record->exiting.load(std::memory_order_acquire)) return false;
-    // Past its exit hook the thread has microseconds left to live; wait for
-    // the kernel to let go of its id, but not for ever: an id reused by a new
-    // thread would otherwise keep the record alive.
+    // A thread that was just joined is usually microseconds from letting go
+    // of its address space; wait that long, but not for one that is still
+    // busy in its teardown: it is looked at again next time.
     pid_t tid = record->tid.load(std::memory_order_relaxed);
-    for (int wait = 0; wait < 200 && !threadIdGone(tid); ++wait)
+    long long exitTicks = record->exitTicks.load(std::memory_order_relaxed);
+    for (int look = 0; !threadLeftUserSpace(tid, exitTicks); ++look) {
+        if (look == 10) return false;
         sleepMs(1);
+    }
     record->ended.store(true, std::memory_order_release);
     return true;
 }
