@@ -124,11 +124,14 @@ class QK_EXPORT qkMemory {
     MEMORY_STATS summaryKeepStats;    // superblocks in the keep pool
     int infoKey;                      // thread-local key of the heap records
     void* reserve;                    // 1 MiB kept for the out-of-memory path
-    qkMutex* printLock;               // serialises warnings
-    qkMutex* threadLock;              // threads, tuning, the last allocation retry
-    qkMutex* allocLock[25];           // per bucket; [24]: large blocks
-    LinkedList threads;               // every heap record, live or dead
-    LinkedList keep[24];              // per bucket: superblocks owned by no thread
+    // Lock order wherever two are held: printLock, threadLock, one allocLock.
+    // (A print function may allocate and so tune; nothing waits for
+    // printLock while it holds either of the others.)
+    qkMutex* printLock;      // serialises warnings
+    qkMutex* threadLock;     // threads, tuning, the last allocation retry
+    qkMutex* allocLock[25];  // per bucket; [24]: large blocks
+    LinkedList threads;      // every heap record, live or dead
+    LinkedList keep[24];     // per bucket: superblocks owned by no thread
     MEMORY_STATS systemStats[25];
     MEMORY_STATS keepStats[25];
     int buckets;                    // buckets in use, 16..24
