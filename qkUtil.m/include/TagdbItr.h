@@ -83,6 +83,7 @@ class QK_EXPORT TagdbItr : public TagdbNodeRef {
     void orphan();
     Status seek(TagdbKey* key, int tie);
     Status advance();
+    Status walkBroken();
     TagdbKey* currentKey();
     void detach();
     // Stands on savedKey again, when it is still in the tree.

@@ -109,12 +109,20 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     // place of an equal comparison (0: find the key, 1: go past it); found
     // is set when an entry compared equal. A node of one entry gives 0.
     static int search(TagdbNode* n, TagdbKey& key, int tie, int& found);
-    // ref = the child of inner node n at pos; Failed when it cannot be
-    // loaded or is not one level below n (a damaged store). Restart when the
-    // store moved on to a newer version while the child was loaded: n and
-    // the path above it are of the older version and may no longer lead to
-    // the keys sought, so the descent starts over from the root.
-    Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref);
+    // The separators that bound a subtree, held from the nodes on the path
+    // above it: every key below lies above `low` and below `high` (an empty
+    // reference bounds nothing on that side).
+    struct Bounds {
+        TagdbNodeRef low, high;
+    };
+    // ref = the child of inner node n at pos, and `bounds` (n's on entry)
+    // become the child's. Failed when it cannot be loaded, is not one level
+    // below n, or, read from its file just now, holds a key outside its
+    // bounds (a damaged store). Restart when the store moved on to a newer
+    // version while the child was loaded: n and the path above it are of
+    // the older version and may no longer lead to the keys sought, so the
+    // descent starts over from the root.
+    Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref, Bounds& bounds);
     // ref = the root; Failed when its level is beyond any reachable height.
     Status loadRoot(TagdbNodeRef& ref);
     // One descent from the root to the leaf entry of the first key >= key
@@ -142,6 +150,9 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     // How many node indexes the store has taken over: a walk that sees it
     // change holds nodes of more than one version.
     int reloadCount() const { return reloads; }
+    // Whether the last node refused by a load was read whole but broke the
+    // order of its keys (rather than missing, short or out of range).
+    bool lastRefusalWasDisorder() const { return disorderRefused; }
 
     // ---- Node cache ----------------------------------------------------
     // The cached node with id (moved to the front of the recency list), or null.
@@ -205,6 +216,8 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     void dropMoved(int const* oldVersions, long long oldCount);
     Status readNode(TagdbNode* node);
     Status readEntries(TagdbNode* node);
+    static bool entriesInOrder(TagdbNode const* node);
+    static bool withinBounds(TagdbNode const* node, Bounds& bounds);
     TagdbCacheEntry* evictionVictim();
     Status evict(TagdbCacheEntry* entry);
     bool growTables();
@@ -212,8 +225,8 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     // Takes the lock for a commit of changes made without it (Deferred mode)
     // and checks that no other process committed meanwhile.
     Status lockUnchanged();
-    Status insertBelow(TagdbNode* x, TagdbKey& key, int found, TagdbNodeRef& ref, TagdbKey*& sep,
-                       TagdbNodeRef& sibling);
+    Status insertBelow(TagdbNode* x, Bounds& bounds, TagdbKey& key, int found, TagdbNodeRef& ref,
+                       TagdbKey*& sep, TagdbNodeRef& sibling);
     Status insertEntry(TagdbNode* x, int i, TagdbKey* key, long long value, TagdbNodeRef* ref,
                        TagdbKey*& sep, TagdbNodeRef& sibling);
     Status splitNode(TagdbNode* x, int i, TagdbNodeRef* ref, TagdbKey*& sep, TagdbNodeRef& sibling);
@@ -228,9 +241,11 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     void endTransaction();
     int highestVersionOnDisk();
 
-    int indexWritten;  // this transaction wrote N-x-newVersion
-    int treeFailed;    // a tree change failed part-way: commit must not publish
-    int reloads;       // node indexes taken over (reloadIndex)
+    int indexWritten;      // this transaction wrote N-x-newVersion
+    int treeFailed;        // a tree change failed part-way: commit must not publish
+    int reloads;           // node indexes taken over (reloadIndex)
+    long long nodeReads;   // nodes read from their files (a cache miss)
+    bool disorderRefused;  // see lastRefusalWasDisorder
     // The tables describe an empty store whose root has no file: version 1,
     // or a Recreate.
     int fresh;

@@ -44,7 +44,7 @@ class Walker {
     void run() {
         TagdbNodeRef root;
         if (store_->loadNode(0, root) != TagdbCommon::Ok) {
-            problem("node 0 (the root) cannot be loaded");
+            problem("node 0 (the root) cannot be loaded" + why());
             return;
         }
         report_.height = root.node->level;
@@ -94,7 +94,7 @@ class Walker {
             seen(id) = 1;  // reached: a node reported here is not reported again as unreached
             TagdbNodeRef child;
             if (store_->loadNode(id, child) != TagdbCommon::Ok) {
-                problem("node " + std::to_string(id) + " cannot be loaded");
+                problem("node " + std::to_string(id) + " cannot be loaded" + why());
                 continue;
             }
             if (child.node->level != n->level - 1) {
@@ -154,11 +154,17 @@ class Walker {
             if (id == 0) continue;  // already reported
             TagdbNodeRef ref;
             if (store_->loadNode(id, ref) != TagdbCommon::Ok) {
-                problem("node " + std::to_string(id) + " cannot be loaded (and is not reached)");
+                problem("node " + std::to_string(id) + " cannot be loaded" + why() +
+                        " (and is not reached)");
             } else {
                 problem("node " + std::to_string(id) + " is in use but not reached from the root");
             }
         }
+    }
+
+    // Why the last load failed, when the store can tell.
+    std::string why() const {
+        return store_->lastRefusalWasDisorder() ? ": its keys are out of order" : "";
     }
 
     TagdbStore* store_;

@@ -18,6 +18,8 @@ void expectSaneNode(TagdbNode* n) {
     EXPECT_EQ(n->keys[n->count - 1], nullptr);
     for (int i = 0; i + 1 < n->count; ++i)
         EXPECT_NE(n->keys[i], nullptr);
+    for (int i = 1; i + 1 < n->count; ++i)
+        EXPECT_LT(n->keys[i - 1]->compare(n->keys[i]), 0) << "entry " << i;
     EXPECT_EQ(n->isLeaf(), n->level == 1);
     for (int i = 0; !n->isLeaf() && i < n->count; ++i)
         EXPECT_TRUE(n->values[i].id >= 1 && n->values[i].id < n->store->nodeCount);

@@ -10,6 +10,7 @@
 #include "TagdbItr.h"
 
 #include <cstring>
+#include <utility>
 
 #include "tagdb/TagdbBlob.h"
 
@@ -147,11 +148,24 @@ TagdbCommon::Status TagdbItr::advance() {
     TagdbNodeRef from(parent);
     TagdbKey* key = from.key();
     Status st = seek(key, 1);
-    if (st == Ok) {
-        TagdbKey* now = currentKey();
-        if (!now || now->compare(key) == 0) unposition();
-    }
-    return st;
+    if (st != Ok) return st;
+    TagdbKey* now = currentKey();
+    int c = now ? now->compare(key) : 0;
+    if (c < 0) return walkBroken();
+    if (c == 0) unposition();
+    return Ok;
+}
+
+// A seek for the first key above K landed at or below K: the nodes on the
+// way are not in order (damage, or keys whose order changed). Going on
+// could visit the same keys for ever, so the walk ends here, failed.
+TagdbCommon::Status TagdbItr::walkBroken() {
+    unposition();
+    if (savedKey) savedKey->release();
+    savedKey = nullptr;
+    detached = 0;
+    finished = 1;
+    return Failed;
 }
 
 TagdbCommon::Status TagdbItr::next(int& more) {
@@ -166,8 +180,11 @@ TagdbCommon::Status TagdbItr::next(int& more) {
         st = seek(savedKey, 1);
         if (st != Ok) return st;  // still detached: the next call tries again
         detached = 0;
-        savedKey->release();
-        savedKey = nullptr;
+        TagdbKey* left = std::exchange(savedKey, nullptr);
+        TagdbKey* now = currentKey();
+        bool behind = now && now->compare(left) <= 0;  // must land above the key it left
+        left->release();
+        if (behind) return walkBroken();
     } else if (!node) {
         st = seek(prefixKey, 0);
     } else {

@@ -6,6 +6,7 @@
 // 512), then count entries: the key in its stored form (the last entry's is
 // the empty key), then in a leaf the record in its stored form (the empty
 // record where there is none), in an inner node the child's int64 id.
+#include <algorithm>
 #include <climits>
 #include <new>
 
@@ -63,7 +64,12 @@ TagdbCommon::Status TagdbStore::readNode(TagdbNode* node) {
     if (file->open(nodePath(node->id, effectiveVersion(node->id)), ReadMode) != Ok) return Failed;
     Status read = readEntries(node);
     Status closed = file->close();
-    if (read == Ok && closed == Ok) return Ok;
+    bool whole = read == Ok && closed == Ok;
+    disorderRefused = whole && !entriesInOrder(node);
+    if (whole && !disorderRefused) {
+        ++nodeReads;
+        return Ok;
+    }
     node->clear();
     return Failed;
 }
@@ -101,6 +107,31 @@ TagdbCommon::Status TagdbStore::readEntries(TagdbNode* node) {
         }
     }
     return Ok;
+}
+
+// What a node must be for the tree to build on it, as far as the node alone
+// can tell: keys strictly ascending (the last entry's empty key ends them),
+// and in an inner node no child named twice. A node read from a damaged
+// file that breaks this is refused, so that no change is made over it.
+bool TagdbStore::entriesInOrder(TagdbNode const* node) {
+    for (int i = 1; i + 1 < node->count; ++i)
+        if (node->keys[i - 1]->compare(node->keys[i]) >= 0) return false;
+    if (node->isLeaf()) return true;
+    long long ids[TagdbNode::kMaxEntries];
+    for (int i = 0; i < node->count; ++i)
+        ids[i] = node->values[i].id;
+    std::sort(ids, ids + node->count);
+    return std::adjacent_find(ids, ids + node->count) == ids + node->count;
+}
+
+// A node just read from its file holds only keys within the separators
+// that led to it.
+bool TagdbStore::withinBounds(TagdbNode const* node, Bounds& bounds) {
+    if (node->count < 2) return true;
+    TagdbKey* low = bounds.low.node ? bounds.low.key() : nullptr;
+    TagdbKey* high = bounds.high.node ? bounds.high.key() : nullptr;
+    if (low && low->compare(node->keys[0]) >= 0) return false;
+    return !high || node->keys[node->count - 2]->compare(high) < 0;
 }
 
 // A node without entries, or whose id this transaction freed, has nothing

@@ -80,6 +80,8 @@ TagdbStore::TagdbStore(Tagdb* db, TagdbKeyReader kr, TagdbRecordReader rr, void*
       indexWritten(0),
       treeFailed(0),
       reloads(0),
+      nodeReads(0),
+      disorderRefused(false),
       fresh(0),
       versionFloor(0),
       recreating(0),

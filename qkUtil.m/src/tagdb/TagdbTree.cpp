@@ -44,16 +44,28 @@ TagdbCommon::Status TagdbStore::loadRoot(TagdbNodeRef& ref) {
 // the descent in a circle. A reader without the lock may find the child's
 // file superseded; the load then moves the whole store on to the newer
 // version, under which n's entry may lead to a node of other keys.
-TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref) {
-    long long id = n->values[pos].id;
-    int level = n->level;  // n may leave memory when ref lets go of it
+// A child read from its file (not found in the cache) must also lie within
+// the separators on its path: damage that keeps each node in order but puts
+// a node under the wrong parent is refused before anything builds on it.
+TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref,
+                                          Bounds& bounds) {
+    // The bounds hold n (ref may hold its only reference) and its keys.
+    if (pos > 0) bounds.low.dup(n, pos - 1);
+    if (n->keys[pos]) bounds.high.dup(n, pos);
+    int level = n->level;
     int reloadsBefore = reloads;
-    if (loadNode(id, ref) != Ok) return Failed;
+    long long readsBefore = nodeReads;
+    if (loadNode(n->values[pos].id, ref) != Ok) return Failed;
     if (reloads != reloadsBefore) {
         ref.release();
         return Restart;
     }
-    if (ref.node->level != level - 1 || ref.node->count < 1) {
+    TagdbNode* child = ref.node;
+    if (child->level != level - 1 || child->count < 1 ||
+        (nodeReads != readsBefore && !withinBounds(child, bounds))) {
+        // Not kept in the cache either: the next descent reads and refuses
+        // it again rather than finding it there unchecked.
+        if (!child->modified) cacheRemove(child->id);
         ref.release();
         return Failed;
     }
@@ -70,6 +82,7 @@ TagdbCommon::Status TagdbStore::findLeaf(TagdbKey& key, int tie, TagdbNodeRef& l
     if (parent) parent->release();
     found = 0;
     TagdbNodeRef cur;
+    Bounds bounds;
     if (loadRoot(cur) != Ok) return Failed;
     while (true) {
         TagdbNode* n = cur.node;
@@ -79,7 +92,7 @@ TagdbCommon::Status TagdbStore::findLeaf(TagdbKey& key, int tie, TagdbNodeRef& l
             return Ok;
         }
         if (parent && n->keys[pos]) parent->dup(n, pos);
-        if (Status st = loadChild(n, pos, cur); st != Ok) return st;
+        if (Status st = loadChild(n, pos, cur, bounds); st != Ok) return st;
     }
 }
 
@@ -101,14 +114,15 @@ TagdbCommon::Status TagdbStore::treeGetRef(TagdbKey& key, TagdbNodeRef& ref) {
         if (loadRoot(root) != Ok) return Failed;
         TagdbKey* sep = nullptr;
         TagdbNodeRef sibling;
-        return insertBelow(root.node, key, 0, ref, sep, sibling);
+        Bounds bounds;
+        return insertBelow(root.node, bounds, key, 0, ref, sep, sibling);
     });
     return st == Ok ? Ok : Failed;  // the root grows in place: no Split reaches here
 }
 
 // Applies find-or-insert to the subtree of x. Split means x split: sep and
 // sibling are what x's parent must take in.
-TagdbCommon::Status TagdbStore::insertBelow(TagdbNode* x, TagdbKey& key, int found,
+TagdbCommon::Status TagdbStore::insertBelow(TagdbNode* x, Bounds& bounds, TagdbKey& key, int found,
                                             TagdbNodeRef& ref, TagdbKey*& sep,
                                             TagdbNodeRef& sibling) {
     int pos = found ? x->count - 1 : search(x, key, 0, found);
@@ -122,10 +136,11 @@ TagdbCommon::Status TagdbStore::insertBelow(TagdbNode* x, TagdbKey& key, int fou
         return insertEntry(x, pos, copy, 0, &ref, sep, sibling);
     }
     TagdbNodeRef child;
-    if (Status loaded = loadChild(x, pos, child); loaded != Ok) return loaded;
+    Bounds below = bounds;
+    if (Status loaded = loadChild(x, pos, child, below); loaded != Ok) return loaded;
     TagdbKey* childSep = nullptr;
     TagdbNodeRef childSibling;
-    Status st = insertBelow(child.node, key, found, ref, childSep, childSibling);
+    Status st = insertBelow(child.node, below, key, found, ref, childSep, childSibling);
     if (st != Split) return st;
     // The child kept the keys up to childSep: the entry that led to it now
     // leads to its new right sibling, and (childSep, child) goes before it.
