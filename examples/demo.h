@@ -5,5 +5,6 @@ void hostStartup();
 void demoThreads();
 void demoStrings();
 void demoLists();
+void demoValues();
 void demoMemory();
 void demoTagdb();

@@ -10,6 +10,7 @@ int main() {
     demoThreads();
     demoStrings();
     demoLists();
+    demoValues();
     demoMemory();
     demoTagdb();
     std::printf("\ndone.\n");
