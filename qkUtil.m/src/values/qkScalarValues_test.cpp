@@ -216,8 +216,9 @@ std::vector<std::pair<char const*, Maker>> makers() {
          }},
         {"int",
          [](std::mt19937& g) {
-             return std::make_unique<qkIntValue>(
-                 0, static_cast<int>(g() % 5) - 2 + (g() % 9 == 0 ? INT_MIN : 0));
+             int n =
+                 g() % 9 == 0 ? INT_MIN + static_cast<int>(g() % 2) : static_cast<int>(g() % 5) - 2;
+             return std::make_unique<qkIntValue>(0, n);
          }},
         {"double",
          [](std::mt19937& g) {
