@@ -5,18 +5,23 @@
 // The manager is created when the shim is loaded. Blocks that were taken
 // before (the dynamic loader's and the C runtime's start-up allocations) came
 // from the C runtime heap and are recognised as such when released.
-// Alignments up to 16 are served by the manager when its block happens to be
-// aligned (every base bucket and every large block is); larger alignments go
-// to the C runtime's aligned heap, whose blocks the manager also recognises.
+//
+// The C contract holds (qkMemoryInternals::mallocC and reallocC): every block
+// is 16-aligned (small requests are rounded up to a multiple of 16 before the
+// manager sees them), and a request the system refuses returns null with
+// errno ENOMEM, leaving a block passed to realloc as it was. Alignments up to
+// 16 are therefore plain requests; larger ones go to the C runtime's aligned
+// heap, whose blocks the manager also recognises.
 #include <dlfcn.h>
 #include <errno.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
+#include "memory/qkMemoryInternal.h"
 #include "platform/platform_memory.h"
-#include "qkMemory.h"
 
 #define QK_SHIM extern "C" __attribute__((visibility("default")))
 #define QK_SITE static_cast<char const*>(__builtin_return_address(0))
@@ -28,11 +33,7 @@ __attribute__((constructor)) void createManager() {
 }
 
 void* alignedBlock(size_t alignment, size_t size, char const* caller) {
-    if (alignment <= 16) {
-        void* p = qkMalloc(size, caller, 0);
-        if (!p || reinterpret_cast<uintptr_t>(p) % alignment == 0) return p;
-        qkFree(p, caller, 0);
-    }
+    if (alignment <= 16) return qkMemoryInternals::mallocC(size, caller);
     return qk::platform::rawAlignedAlloc(alignment, size);
 }
 
@@ -42,19 +43,8 @@ bool powerOfTwo(size_t n) {
 
 }  // namespace
 
-// Sizes up to this one are never refused by the manager, so their calls go
-// straight on (a tail jump); larger ones may be, and then errno is set.
-constexpr size_t kNeverRefused = (size_t{1} << 31) - (size_t{1} << 16);
-
-__attribute__((noinline)) static void* mallocChecked(size_t size, char const* caller) {
-    void* p = qkMalloc(size, caller, 0);
-    if (!p) errno = ENOMEM;
-    return p;
-}
-
 QK_SHIM void* malloc(size_t size) {
-    if (__builtin_expect(size > kNeverRefused, 0)) return mallocChecked(size, QK_SITE);
-    return qkMalloc(size, QK_SITE, 0);
+    return qkMemoryInternals::mallocC(size, QK_SITE);
 }
 
 QK_SHIM void free(void* p) {
@@ -67,15 +57,13 @@ QK_SHIM void* calloc(size_t count, size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
-    void* p = qkCalloc(count, size, QK_SITE, 0);
-    if (!p) errno = ENOMEM;
+    void* p = qkMemoryInternals::mallocC(bytes, QK_SITE);
+    if (p) std::memset(p, 0, bytes);
     return p;
 }
 
 QK_SHIM void* realloc(void* p, size_t size) {
-    void* q = qkRealloc(p, size, QK_SITE, 0);
-    if (!q) errno = ENOMEM;
-    return q;
+    return qkMemoryInternals::reallocC(p, size, QK_SITE);
 }
 
 QK_SHIM void* reallocarray(void* p, size_t count, size_t size) {
@@ -101,7 +89,7 @@ QK_SHIM void* aligned_alloc(size_t alignment, size_t size) {
         return nullptr;
     }
     void* p = alignedBlock(alignment, size, QK_SITE);
-    if (!p) errno = ENOMEM;
+    if (!p) errno = ENOMEM;  // the C runtime's aligned heap may leave it unset
     return p;
 }
 
@@ -115,6 +103,10 @@ QK_SHIM void* valloc(size_t size) {
 
 QK_SHIM void* pvalloc(size_t size) {
     size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    if (size > SIZE_MAX - (page - 1)) {  // no whole number of pages holds it
+        errno = ENOMEM;
+        return nullptr;
+    }
     return aligned_alloc(page, (size + page - 1) / page * page);
 }
 

@@ -25,9 +25,31 @@
 // atomic loads). Limits and hooks are plain process-wide values; a change
 // applies to the charges made after it.
 //
-// Large requests whose size plus header does not fit a signed 32-bit int are
-// refused: the entry points return null (operator new throws std::bad_alloc)
-// and leave any block passed in untouched.
+// Alignment: blocks of the base buckets and large blocks are 16-aligned; in a
+// tuned bucket of t bytes with t = 8 mod 16 every other block is only
+// 8-aligned, so qkMalloc may return 8-aligned memory. The library's operator
+// new asks for small sizes rounded up to a multiple of 16, which no such
+// bucket serves, so its blocks are always 16-aligned.
+//
+// When memory runs out. Requests (qkMalloc, qkCalloc, qkStrdup, operator new
+// and qkRealloc of null) of a size whose total with the 16-byte header does
+// not fit a signed 32-bit int are refused: null (operator new throws
+// std::bad_alloc). Any other request the C runtime refuses, even after the
+// keep pool went back to it, ends the process: "out of memory allocating N
+// bytes" (N with the header) on standard output, the warning "out of memory",
+// abort. qkRealloc by kind of block (a block that holds the size is returned
+// as it is, for every kind):
+// - small: moved to a new block made as qkMalloc makes it; null for a size
+//   that does not fit (the block is left untouched); the process ends when
+//   the C runtime refuses the new block ("out of memory allocating").
+// - large: grown by the C runtime's realloc; null for a size that does not
+//   fit (the block is left untouched); when the C runtime refuses, the
+//   process ends: "out of memory reallocating N bytes".
+// - foreign (not made by the manager): the C runtime's realloc at any size
+//   (no 32-bit bound; 0 counts as 1); when it refuses, the process ends:
+//   "out of memory reallocating N bytes".
+// N is printed in full. libqkmalloc.so serves malloc & co. with the C
+// runtime's contract instead: null with errno ENOMEM, the block untouched.
 #pragma once
 
 #include <cstddef>

@@ -50,6 +50,7 @@ void tellHandler(Crossings const& crossed) {
     if (!crossed.system && !crossed.thread) return;
     void (*handler)(qkMemoryErrorId) = loadRelaxed(qkMemory::_memoryErrorHandler);
     if (!handler) return;
+    RefusalMode mode(Contract::manager);  // the handler's requests keep their contract
     if (crossed.system) handler(QK_MEMORY_SYSTEM_LIMIT);
     if (crossed.thread) handler(QK_MEMORY_THREAD_LIMIT);
 }
@@ -95,7 +96,9 @@ static MEMORY_SUPERBLOCK* adoptFromKeep(qkMemory* m, int b) {
 // Puts a superblock with free blocks at the front of the heap's bucket list:
 // one from the reclaim list or the keep pool, else a new one from the C
 // runtime. Warnings for crossed limits come here, after the lock is let go.
-static void refill(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, int line,
+// False when the C runtime refused the superblock (for a request that fails
+// softly): nothing was charged and the heap's lists are as they were.
+static bool refill(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, int line,
                    Crossings& crossed) {
     qkMutex* lock = m->allocLock[b];
     lock->lock();
@@ -106,6 +109,7 @@ static void refill(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, in
         // The C runtime is asked with no allocLock held (see the lock order).
         lock->unlock();
         sb = qkMemoryInternals::newSuperblock(m, b, caller, line);
+        if (!sb) return false;
         lock->lock();
         systemCrossed =
             qkMemoryInternals::bump(m, m->summarySystemStats, m->systemStats, b, kSuperblockSize, 1,
@@ -120,23 +124,25 @@ static void refill(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, in
     if (threadCrossed) qkMemory::warn("thread memory limit exceeded", caller, line);
     crossed.system |= systemCrossed;
     crossed.thread |= threadCrossed;
+    return true;
 }
 
 // The first superblock of the bucket list had no free block. Walk the list:
 // take a block where there is one; merge the parked remote frees of a
 // superblock all of whose handed-out blocks came back that way (no thread
 // can free into it any more, so no lock is needed); move the rest to the
-// full list. When the list runs dry, refill it and walk again.
+// full list. When the list runs dry, refill it and walk again; null when the
+// C runtime refused a superblock to a request that fails softly.
 QK_NOINLINE void* qkMemoryInternals::allocSlow(qkMemory* m, MEMORY_THREAD* mt, int b,
                                                char const* caller, int line) {
     Crossings crossed;
-    for (;;) {
+    void* data = nullptr;
+    do {
         for (LinkedList* n = mt->partial[b].next(); n->ref();) {
             MEMORY_SUPERBLOCK* sb = superblockOf(n);
             if (MEMORY_HEADER* h = sb->free) {
-                void* data = takeBlock(m, sb, h, caller);
-                tellHandler(crossed);
-                return data;
+                data = takeBlock(m, sb, h, caller);
+                break;
             }
             int parked = sb->freeCount.load(std::memory_order_acquire);
             if (parked != 0 && parked == sb->allocCount) {
@@ -149,8 +155,9 @@ QK_NOINLINE void* qkMemoryInternals::allocSlow(qkMemory* m, MEMORY_THREAD* mt, i
             n = n->next();
             sb->link.link(&mt->full, sb);
         }
-        refill(m, mt, b, caller, line, crossed);
-    }
+    } while (!data && refill(m, mt, b, caller, line, crossed));
+    tellHandler(crossed);
+    return data;
 }
 
 // On the large path a crossing is told to the handler and then warned about,
@@ -158,6 +165,7 @@ QK_NOINLINE void* qkMemoryInternals::allocSlow(qkMemory* m, MEMORY_THREAD* mt, i
 static void reportLargeCrossings(bool system, bool thread, char const* caller, int line) {
     void (*handler)(qkMemoryErrorId) = loadRelaxed(qkMemory::_memoryErrorHandler);
     if (!handler) return;
+    RefusalMode mode(Contract::manager);  // the handler's requests keep their contract
     if (system) {
         handler(QK_MEMORY_SYSTEM_LIMIT);
         qkMemory::warn("system memory limit exceeded", caller, line);
@@ -180,12 +188,14 @@ void qkMemoryInternals::chargeLarge(qkMemory* m, MEMORY_THREAD* mt, long long by
 }
 
 // A large block: the C runtime's memory with a header in front. Sizes whose
-// total does not fit the int of sys_alloc are refused with null.
+// total does not fit the int of sys_alloc are refused with null, and so is a
+// request that fails softly when the C runtime refuses it (nothing charged).
 QK_NOINLINE void* qkMemoryInternals::allocLarge(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                                 char const* caller, int line) {
     if (!largeFits(m, size)) return nullptr;
     MEMORY_HEADER* h = static_cast<MEMORY_HEADER*>(
         m->sys_alloc(static_cast<int>(size) + overheadOf(m), caller, line));
+    if (!h) return nullptr;
     chargeLarge(m, mt, static_cast<long long>(size), 1, caller, line);
     h->size = size;
     h->tag = TAG_LARGE_USED;

@@ -1,6 +1,8 @@
 // Release and resize: the owner's lock-free release (its fast path is
 // qkMemoryInternals::free in qkMemoryInternal.h), the remote release that
 // parks a block on its superblock, large and foreign blocks, and realloc.
+#include <errno.h>
+
 #include <cstring>
 
 #include "memory/qkMemoryInternal.h"
@@ -96,47 +98,74 @@ QK_NOINLINE void qkMemoryInternals::freeOther(qkMemory* m, MEMORY_THREAD* mt, ME
 
 // ---- Resizing ----------------------------------------------------------------------
 
-// Grows a large block in place in the C runtime, charging the growth first.
+// The C runtime could not resize a block to `size` bytes: null under the C
+// contract (the block is as it was), else the end of the process.
+static void* resizeRefused(qkMemory* m, size_t size, Contract contract, char const* caller,
+                           int line) {
+    if (contract == Contract::c) return nullptr;
+    qkMemoryInternals::outOfMemory(m, "out of memory reallocating %zu bytes\n", size, caller, line);
+}
+
+// Grows a large block in the C runtime (it may move), then charges the growth.
 static void* growLarge(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, size_t size,
-                       char const* caller, int line) {
+                       Contract contract, char const* caller, int line) {
     if (!qkMemoryInternals::largeFits(m, size)) return nullptr;
-    qkMemoryInternals::chargeLarge(m, mt, static_cast<long long>(size - h->size), 0, caller, line);
+    size_t had = h->size;
     MEMORY_HEADER* moved = static_cast<MEMORY_HEADER*>(
         sysRealloc(h, size + static_cast<size_t>(qkMemoryInternals::overheadOf(m))));
-    if (!moved) {
-        qkMemoryInternals::outOfMemory(m, "out of memory reallocating %u bytes\n", size, caller,
-                                       line);
-    }
+    if (!moved) return resizeRefused(m, size, contract, caller, line);
     moved->size = size;  // the tag came along with the header
+    qkMemoryInternals::chargeLarge(m, mt, static_cast<long long>(size - had), 0, caller, line);
     return qkMemoryInternals::dataOf(m, moved);
+}
+
+static void* allocUnder(qkMemory* m, size_t size, Contract contract, char const* caller, int line) {
+    if (contract == Contract::c)
+        return qkMemoryInternals::alloc<Contract::c>(m, size, caller, line);
+    return qkMemoryInternals::alloc(m, size, caller, line);
+}
+
+// A small block that no longer holds the size moves to a new block.
+static void* moveSmall(qkMemory* m, void* p, size_t have, size_t size, Contract contract,
+                       char const* caller, int line) {
+    void* q = allocUnder(m, size, contract, caller, line);
+    if (!q) return nullptr;
+    std::memcpy(q, p, have);
+    qkMemoryInternals::free(m, p, caller, line);
+    return q;
 }
 
 // Blocks never shrink and never move to a smaller bucket: a request that
 // fits returns the block itself.
-void* qkMemory::reallocMemory(void* p, size_t size, char const* caller, int line) {
-    if (!p) return qkMemoryInternals::alloc(this, size, caller, line);
-    MEMORY_THREAD* mt = qkMemoryInternals::thread(this);
-    MEMORY_HEADER* h = qkMemoryInternals::headerOf(this, p);
+void* qkMemoryInternals::resize(qkMemory* m, void* p, size_t size, char const* caller, int line,
+                                Contract contract) {
+    if (!p) return allocUnder(m, size, contract, caller, line);
+    MEMORY_THREAD* mt = thread(m);
+    MEMORY_HEADER* h = headerOf(m, p);
     uint32_t tag = peekTag(p, h);
     if (tag == TAG_SMALL_USED) {
         size_t have = static_cast<size_t>(h->owner->blockSize);
-        if (have >= size) return p;
-        void* q = qkMemoryInternals::alloc(this, size, caller, line);
-        if (!q) return nullptr;
-        std::memcpy(q, p, have);
-        qkMemoryInternals::free(this, p, caller, line);
-        return q;
+        return have >= size ? p : moveSmall(m, p, have, size, contract, caller, line);
     }
     if (tag == TAG_LARGE_USED) {
-        if (h->size >= size) return p;
-        return growLarge(this, mt, h, size, caller, line);
+        return h->size >= size ? p : growLarge(m, mt, h, size, contract, caller, line);
     }
     // Not the manager's block. A size of 0 would let the C runtime free the
     // block and answer null, which could not be told from a failure.
     void* q = sysRealloc(p, size ? size : 1);
-    if (!q) {
-        qkMemoryInternals::outOfMemory(this, "out of memory reallocating %u bytes\n", size, caller,
-                                       line);
-    }
+    return q ? q : resizeRefused(m, size, contract, caller, line);
+}
+
+void* qkMemory::reallocMemory(void* p, size_t size, char const* caller, int line) {
+    return qkMemoryInternals::resize(this, p, size, caller, line, Contract::manager);
+}
+
+// A block that moves gets a block of the rounded size; one that stays is
+// aligned already.
+void* qkMemoryInternals::reallocC(void* p, size_t size, char const* caller) {
+    qkMemory* m = manager();
+    if (!m) return qk::platform::rawRealloc(p, size);
+    void* q = resize(m, p, alignedRequest(size), caller, 0, Contract::c);
+    if (!q) errno = ENOMEM;
     return q;
 }

@@ -225,6 +225,33 @@ inline void unpoison(void* data, size_t bytes) {
 QK_EXPORT extern void* (*sysMalloc)(size_t size);
 QK_EXPORT extern void* (*sysRealloc)(void* p, size_t size);
 
+// Whose contract a request follows. The manager's (qkMalloc and the rest of
+// its entry points): a block of a tuned bucket of 8 mod 16 bytes is only
+// 8-aligned, and memory the C runtime refuses for good ends the process. The
+// C runtime's (malloc & co. in libqkmalloc.so): every block is 16-aligned,
+// and a refusal returns null with errno ENOMEM.
+enum class Contract { manager, c };
+
+// What a refusal of sys_alloc's last retry does on the calling thread: with
+// the manager's contract the process ends, with the C contract the request
+// fails with null. The C contract's slow exits switch for their duration, and
+// the manager switches back while it runs a caller's code (print function,
+// error handler), so that a request made there keeps its own contract. Only
+// slow paths make one: the fast paths do no thread-local store. Exported for
+// the tests.
+class QK_EXPORT RefusalMode {
+  public:
+    explicit RefusalMode(Contract contract);
+    ~RefusalMode();
+    RefusalMode(RefusalMode const&) = delete;
+    RefusalMode& operator=(RefusalMode const&) = delete;
+    // Whether a refusal returns null on the calling thread.
+    static bool soft();
+
+  private:
+    bool outer_;
+};
+
 }  // namespace qk::memory
 
 // The manager's internal steps that the entry points and the operators share.
@@ -280,6 +307,35 @@ struct QK_EXPORT qkMemoryInternals {
     static void* allocCounted(qkMemory* m, MEMORY_THREAD* mt, size_t size, char const* caller,
                               int line);
     static void freeFirst(qkMemory* m, void* p, char const* caller, int line);
+    // The same exits for requests of the C contract: a refusal returns null
+    // and sets errno (qkMemoryC.cpp).
+    static void* allocFirstC(qkMemory* m, size_t size, char const* caller, int line);
+    static void* allocCountedC(qkMemory* m, MEMORY_THREAD* mt, size_t size, char const* caller,
+                               int line);
+    static void* allocSlowC(qkMemory* m, MEMORY_THREAD* mt, int b, char const* caller, int line);
+    static void* allocLargeC(qkMemory* m, MEMORY_THREAD* mt, size_t size, char const* caller,
+                             int line);
+
+    // ---- The C contract, for libqkmalloc.so ---------------------------------
+    // malloc and realloc: 16-aligned blocks; null with errno ENOMEM when the
+    // C runtime refuses, a block passed in left as it was. Without a manager
+    // they are the C runtime's.
+    static void* mallocC(size_t size, char const* caller);
+    static void* reallocC(void* p, size_t size, char const* caller);
+    // reallocMemory under either contract.
+    static void* resize(qkMemory* m, void* p, size_t size, char const* caller, int line,
+                        qk::memory::Contract contract);
+
+    // A small request rounded up to a multiple of 16. It then maps to a base
+    // bucket (multiples of 32) or to a tuned bucket of exactly its size (a
+    // tuned bucket of t bytes takes the sizes t-7..t), and the blocks of such
+    // a bucket lie 16 bytes apart times some n behind 16-aligned headers.
+    // Large requests stay as they are: their blocks are 16-aligned already,
+    // and the rounding of a size near SIZE_MAX would overflow.
+    QK_ALWAYS_INLINE static size_t alignedRequest(size_t size) {
+        constexpr size_t limit = qk::memory::kSmallLimit;
+        return size <= limit ? (size + 15) & ~size_t{15} : size;
+    }
 
     // The calling thread's heap record, or null when it has none yet: one
     // thread-local load.
@@ -322,27 +378,35 @@ struct QK_EXPORT qkMemoryInternals {
     }
 
     // A small request of the calling thread's heap: a bucket lookup and a pop.
+    template <qk::memory::Contract kContract = qk::memory::Contract::manager>
     QK_ALWAYS_INLINE static void* allocSmall(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                              char const* caller, int line) {
+        constexpr bool c = kContract == qk::memory::Contract::c;
         int b = std::atomic_ref<signed char>(m->bucketNumber[size]).load(std::memory_order_acquire);
         MEMORY_SUPERBLOCK* sb = superblockOf(mt->partial[b].next());
         if (QK_LIKELY(sb != nullptr)) {
             MEMORY_HEADER* h = sb->free;
             if (QK_LIKELY(h != nullptr)) return takeBlock(m, sb, h, caller);
         }
-        return allocSlow(m, mt, b, caller, line);
+        return (c ? allocSlowC : allocSlow)(m, mt, b, caller, line);
     }
 
+    // The exits are picked at compile time: either contract's fast path is
+    // the same code, the C contract's with the rounding of small sizes.
+    template <qk::memory::Contract kContract = qk::memory::Contract::manager>
     QK_ALWAYS_INLINE static void* alloc(qkMemory* m, size_t size, char const* caller, int line) {
+        constexpr bool c = kContract == qk::memory::Contract::c;
         MEMORY_THREAD* mt = heapOf(m);
-        if (QK_UNLIKELY(mt == nullptr)) return allocFirst(m, size, caller, line);
+        if (QK_UNLIKELY(mt == nullptr))
+            return (c ? allocFirstC : allocFirst)(m, size, caller, line);
         if (QK_UNLIKELY(size > static_cast<size_t>(qk::memory::kSmallLimit))) {
-            return allocLarge(m, mt, size, caller, line);
+            return (c ? allocLargeC : allocLarge)(m, mt, size, caller, line);
         }
+        if (c) size = alignedRequest(size);
         if (QK_UNLIKELY(qk::memory::loadRelaxed(qk::memory::fast.tuning) != 0)) {
-            return allocCounted(m, mt, size, caller, line);
+            return (c ? allocCountedC : allocCounted)(m, mt, size, caller, line);
         }
-        return allocSmall(m, mt, size, caller, line);
+        return allocSmall<kContract>(m, mt, size, caller, line);
     }
 
     // The superblock of a `link` or `reclaim` node; null for a list head.

@@ -5,8 +5,11 @@
 // Every ordinary form goes to the manager (or to the C runtime while there is
 // none) and every delete goes through the manager's release path, which hands
 // pointers it did not make to the C runtime; so a block is always released by
-// the allocator that made it. Over-aligned forms go to the C runtime's aligned
-// allocator and back to its free.
+// the allocator that made it. The manager is asked for small sizes rounded up
+// to a multiple of 16, so that every block is aligned for any type of default
+// alignment (__STDCPP_DEFAULT_NEW_ALIGNMENT__, 16), in tuned buckets too.
+// Over-aligned forms go to the C runtime's aligned allocator and back to its
+// free.
 #include <new>
 
 #include "memory/qkMemoryInternal.h"
@@ -41,7 +44,8 @@ namespace {
 
 inline void* allocate(size_t size, void* caller) {
     if (qkMemory* m = manager()) {
-        return qkMemoryInternals::alloc(m, size, static_cast<char const*>(caller), 0);
+        size_t aligned = qkMemoryInternals::alignedRequest(size);
+        return qkMemoryInternals::alloc(m, aligned, static_cast<char const*>(caller), 0);
     }
     return plat::rawAlloc(size ? size : 1);
 }
@@ -98,13 +102,14 @@ QK_NOINLINE static void* newOther(size_t size, void* caller, bool nothrow) {
     return QK_LIKELY(p != nullptr) ? p : retryNew(size, caller, nothrow);
 }
 
-#define QK_NEW_BODY(nothrow)                                                               \
-    void* caller = QK_OPERATOR_CALLER(allocStackOffset);                                   \
-    if (QK_LIKELY(size <= static_cast<size_t>(kSmallLimit))) {                             \
-        if (qkMemory* m = manager()) {                                                     \
-            return qkMemoryInternals::alloc(m, size, static_cast<char const*>(caller), 0); \
-        }                                                                                  \
-    }                                                                                      \
+#define QK_NEW_BODY(nothrow)                                                            \
+    void* caller = QK_OPERATOR_CALLER(allocStackOffset);                                \
+    if (QK_LIKELY(size <= static_cast<size_t>(kSmallLimit))) {                          \
+        if (qkMemory* m = manager()) {                                                  \
+            return qkMemoryInternals::alloc(m, qkMemoryInternals::alignedRequest(size), \
+                                            static_cast<char const*>(caller), 0);       \
+        }                                                                               \
+    }                                                                                   \
     return newOther(size, caller, nothrow)
 
 QK_OPERATOR void* operator new(size_t size) {

@@ -148,6 +148,8 @@ void qkMemory::warn(char const* message, char const* caller, int line) {
     std::snprintf(text, sizeof text, "%s (%s:%d)\n", message, tag, line);
     if (!warnBusy) {
         warnBusy = 1;
+        // The print function's requests keep their own contract.
+        RefusalMode mode(Contract::manager);
         if (void (*print)(char const*) = loadRelaxed(_printFunction)) {
             print(text);
         } else {

@@ -30,7 +30,8 @@ void* qkMemory::sys_alloc(int size, char const* caller, int line) {
     p = sysMalloc(static_cast<size_t>(size));
     threadLock->unlock();
     if (!p) {
-        qkMemoryInternals::outOfMemory(this, "out of memory allocating %u bytes\n",
+        if (RefusalMode::soft()) return nullptr;
+        qkMemoryInternals::outOfMemory(this, "out of memory allocating %zu bytes\n",
                                        static_cast<size_t>(size), caller, line);
     }
     warn("memory critical", caller, line);
@@ -40,13 +41,13 @@ void* qkMemory::sys_alloc(int size, char const* caller, int line) {
 // The last word on memory: the reserve goes back so that the message can be
 // printed, then the process ends. When the reserve was spent before, the
 // process ends all the same, since no caller of sys_alloc can go on without
-// its memory.
+// its memory. `format` prints `size` with %zu.
 void qkMemoryInternals::outOfMemory(qkMemory* m, char const* format, size_t size,
                                     char const* caller, int line) {
     if (void* reserve = std::atomic_ref<void*>(m->reserve).exchange(nullptr)) {
         qk::platform::rawFree(reserve);
     }
-    std::printf(format, static_cast<unsigned>(size));
+    std::printf(format, size);
     std::fflush(stdout);
     qkMemory::warn("out of memory", caller, line);
     qkMemory::abort();
@@ -55,10 +56,13 @@ void qkMemoryInternals::outOfMemory(qkMemory* m, char const* format, size_t size
 // Takes a superblock from the C runtime and cuts it into blocks of bucket b.
 // The blocks are pushed onto `free` in address order, so the block at the
 // highest address is handed out first. Every block starts free, with its
-// debug slots zeroed.
+// debug slots zeroed. Null when the C runtime refused a request that fails
+// softly.
 MEMORY_SUPERBLOCK* qkMemoryInternals::newSuperblock(qkMemory* m, int b, char const* caller,
                                                     int line) {
-    MEMORY_SUPERBLOCK* sb = new (m->sys_alloc(kSuperblockSize, caller, line)) MEMORY_SUPERBLOCK{};
+    void* memory = m->sys_alloc(kSuperblockSize, caller, line);
+    if (!memory) return nullptr;
+    MEMORY_SUPERBLOCK* sb = new (memory) MEMORY_SUPERBLOCK{};
     sb->bucket = b;
     sb->blockSize = m->bucketSize[b];
     sb->allocCount = 0;
