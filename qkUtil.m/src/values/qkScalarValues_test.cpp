@@ -429,4 +429,52 @@ TEST(qkStringValueBehaviour, PrivateCopiesSharedReadsAndPrepare) {
     EXPECT_EQ(v.size(), 0);
 }
 
+// Input no caller should send still gives a defined answer: a null text to
+// every set, impossible calendar fields (stored as given, compared field by
+// field), NaN and infinities, the integer extremes, long texts.
+TEST(qkScalarBadInput, DefinedResultsNeverACrash) {
+    qkString null;
+    std::string out = printed([&] {
+        qkIntValue i(0, 5);
+        EXPECT_EQ(i.set(null), 1);
+        EXPECT_EQ(i.value, 0);
+        qkDoubleValue d;
+        EXPECT_EQ(d.set(null), 1);
+        EXPECT_EQ(d.value, 0.0);
+        qkBooleanValue b;
+        EXPECT_EQ(b.set(null), 1);
+        qkRawValue r;
+        EXPECT_EQ(r.set(null), 1);
+        EXPECT_TRUE(r.isNull());
+        qkStringValue s;
+        EXPECT_EQ(s.set(null), 1);
+        EXPECT_EQ(textOf(s), "");
+    });
+    EXPECT_EQ(out, "");
+    qkTimebase feb30(2023, 2, 30, 0, 0, 0), month13(2023, 13, 0, 25, 61, 61.5f);
+    EXPECT_EQ(std::make_tuple(month13.month(), month13.day(), month13.hour(), month13.minute()),
+              std::make_tuple(13, 0, 25, 61));
+    EXPECT_EQ(feb30.compare(month13), -1);
+    qkDateValue date;
+    date.set(month13);
+    EXPECT_FALSE(date.isNull());
+    qkDoubleValue d;
+    for (double x : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e308, -0.0}) {
+        EXPECT_EQ(d.set(x), 1);
+        qkString text;
+        EXPECT_EQ(d.get(text), 1);
+        EXPECT_GT(text.length(), 0u);
+    }
+    EXPECT_EQ(textOf(d), "-0.000000");
+    d.set(1e308);
+    EXPECT_EQ(textOf(d).size(), 316u);     // every digit of %f
+    EXPECT_EQ(d.set(qkString("inf")), 1);  // strtof reads it, and it is in range
+    EXPECT_TRUE(std::isinf(d.value));
+    std::string longHex(100001, 'f');
+    qkRawValue r;
+    EXPECT_EQ(r.set(qkString(longHex.c_str())), 1);
+    EXPECT_EQ(r.size(), 50000);
+    EXPECT_EQ(textOf(r), std::string(100000, 'F'));
+}
+
 }  // namespace
