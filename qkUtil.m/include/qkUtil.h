@@ -16,6 +16,7 @@
 #include "qkMemory.h"
 #include "qkScalarValues.h"
 #include "qkString.h"
+#include "qkTable.h"
 #include "qkThread.h"
 #include "qkTimebase.h"
 #include "qkVArray.h"
