@@ -221,7 +221,28 @@ class QK_EXPORT qkValue {
     // those of each value class, to the file at path.
     static void printOffsets(char const* path);
 
+    // ---- rows (a row is a qkValueList whose element i is column i's value) ----
+    // qsort comparator over value pointers: (*a)->compare(**b, false).
+    static int qsortCompare(void const* a, void const* b);
+    // Sorts n row pointers by the cell at `column`, then (column2 >= 0) by
+    // the cell at column2; not stable. A row too short is a range error.
+    static void sort(qkValueList** rows, int n, int column, int column2);
+    // Binary search of rows sorted ascending by key's column for a row whose
+    // cell compares equal to key: its index, or -1.
+    static int lookup(qkValueList** rows, int n, qkValue& key);
+
+    // ---- factories (the caller owns the result) ----------------------------
+    // A new value of src's class with src's column, its operator, content
+    // and (withFlags) flags; table id -1. Null for a type without a class.
+    static qkValue* newValue(qkValue& src, bool withFlags);
+    // A new value of `type`, filled from data when it is not null (a byte, an
+    // int32, a double, a qkSQLnull_timestamp, a text, a hexadecimal text, a
+    // qkOID or a qkValueListRef). Null for a type without a class.
+    static qkValue* newValue(int column, qkDataType type, void const* data);
+
   protected:
+    // The comparator of sort, over its records.
+    static int compare(void const* a, void const* b);
     // The comparison steps every class shares: 1 against a list value, -1
     // against a query value, then (withOperator) the operators. Sets
     // `decided` when those settle it.

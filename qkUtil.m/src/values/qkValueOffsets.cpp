@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <utility>
 
+#include "qkCompositeValues.h"
 #include "qkScalarValues.h"
 
 // The value classes are polymorphic, which makes offsetof conditionally
@@ -96,8 +97,6 @@ void classLines(char const* path, char const* name,
 
 }  // namespace
 
-// The composite classes (query, join and list values) add their lines, in
-// that order after the scalar ones, when they arrive with the value lists.
 // No proxy value exists in this library, so its lines are left out.
 void qkValue::printOffsets(char const* path) {
     FILE* f = openForAppend(path);
@@ -114,6 +113,9 @@ void qkValue::printOffsets(char const* path) {
     qkDateValue::printOffsets(path);
     qkStringValue::printOffsets(path);
     qkRawValue::printOffsets(path);
+    qkQueryValue::printOffsets(path);
+    qkJoinValue::printOffsets(path);
+    qkListValue::printOffsets(path);
 }
 
 void qkBooleanValue::printOffsets(char const* path) {
@@ -144,4 +146,35 @@ void qkStringValue::printOffsets(char const* path) {
 
 void qkRawValue::printOffsets(char const* path) {
     classLines<qkRawValue>(path, "qkRawValue", {{"value", offsetof(qkRawValue, value)}});
+}
+
+void qkListValue::printOffsets(char const* path) {
+    classLines<qkListValue>(path, "qkListValue",
+                            {{"value", offsetof(qkListValue, value)},
+                             {"ident", offsetof(qkListValue, ident_)},
+                             {"sorted", offsetof(qkListValue, sorted_)}});
+}
+
+void qkQueryValue::printOffsets(char const* path) {
+    classLines<qkQueryValue>(path, "qkQueryValue",
+                             {{"value", offsetof(qkQueryValue, value)},
+                              {"alt", offsetof(qkQueryValue, alt)},
+                              {"columns", offsetof(qkQueryValue, columns)},
+                              {"selects", offsetof(qkQueryValue, selects)},
+                              {"kinds", offsetof(qkQueryValue, kinds)},
+                              {"opers", offsetof(qkQueryValue, opers)},
+                              {"skipSimplify", offsetof(qkQueryValue, skipSimplify_)}});
+}
+
+// The join's own fields in the order the debugger scripts read them.
+void qkJoinValue::printOffsets(char const* path) {
+    classLines<qkJoinValue>(path, "qkJoinValue",
+                            {{"type", offsetof(qkJoinValue, type)},
+                             {"forSelect", offsetof(qkJoinValue, forSelect)},
+                             {"forOrderby", offsetof(qkJoinValue, forOrderby)},
+                             {"ascending", offsetof(qkJoinValue, ascending)},
+                             {"orderby", offsetof(qkJoinValue, orderby)},
+                             {"function", offsetof(qkJoinValue, function)},
+                             {"condition", offsetof(qkJoinValue, condition)},
+                             {"forceFullProjection", offsetof(qkJoinValue, forceFullProjection)}});
 }

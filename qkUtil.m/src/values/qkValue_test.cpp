@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "qkCompositeValues.h"
 #include "qkScalarValues.h"
 #include "qkValueList.h"
 
@@ -164,7 +165,11 @@ TEST(qkValueBase, DebuggerLinesMatchTheLayout) {
     EXPECT_EQ(byName["qkOperator_NColEqual"], 0x11u);
     EXPECT_EQ(byName["qkJoinColumn_ConstColumn"], 2u);
     EXPECT_EQ(byName["qkFlags_RemovedEscapes"], 32u);
-    ASSERT_EQ(lines.size(), 5u + 10 + 18 + 6 + 7 + 2 + 2 + 4 + 3 + 2 + 2);
+    ASSERT_EQ(lines.size(), 5u + 10 + 18 + 6 + 7 + 2 + 2 + 4 + 3 + 2 + 2 + 8 + 9 + 4);
+    EXPECT_EQ(byName["qkQueryValue_skipSimplify"], offsetof(qkQueryValue, skipSimplify_));
+    EXPECT_EQ(byName["qkJoinValue_forceFullProjection"],
+              offsetof(qkJoinValue, forceFullProjection));
+    EXPECT_EQ(byName["qkListValue_size"], sizeof(qkListValue));
     EXPECT_EQ(lines[0].first, "qkValue_column");
     EXPECT_EQ(lines[4].first, "qkValue_size");
     EXPECT_EQ(lines[5].first, "qkDataType_Boolean");
@@ -173,7 +178,10 @@ TEST(qkValueBase, DebuggerLinesMatchTheLayout) {
     EXPECT_EQ(lines[39].first, "qkJoinColumn_DefaultColumn");
     EXPECT_EQ(lines[46].first, "qkIntValue_value");
     EXPECT_EQ(lines[48].first, "qkBooleanValue_value");
-    EXPECT_EQ(lines.back().first, "qkRawValue_size");
+    EXPECT_EQ(lines[lines.size() - 22].first, "qkRawValue_size");
+    EXPECT_EQ(lines[lines.size() - 21].first, "qkQueryValue_value");
+    EXPECT_EQ(lines[lines.size() - 13].first, "qkJoinValue_type");
+    EXPECT_EQ(lines.back().first, "qkListValue_size");
     // An unwritable path: one line on standard output, nothing written.
     testing::internal::CaptureStdout();
     qkValue::printOffsets("/nonexistent-dir/offsets");
