@@ -6,5 +6,6 @@ void demoThreads();
 void demoStrings();
 void demoLists();
 void demoValues();
+void demoQueries();
 void demoMemory();
 void demoTagdb();

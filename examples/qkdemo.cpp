@@ -11,6 +11,7 @@ int main() {
     demoStrings();
     demoLists();
     demoValues();
+    demoQueries();
     demoMemory();
     demoTagdb();
     std::printf("\ndone.\n");
