@@ -45,8 +45,8 @@ struct ColumnSpec {
 struct TableSpec {
     std::string name;
     std::vector<ColumnSpec> columns;
-    std::vector<int> primary;  // column numbers in key order
-    std::vector<int> index;    // column numbers in index order
+    std::vector<int> primary = {};  // column numbers in key order
+    std::vector<int> index = {};    // column numbers in index order
     int selective = 1;
     int versionIndex = -1;
     int group = 0;

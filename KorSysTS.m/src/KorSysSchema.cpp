@@ -1,5 +1,6 @@
 // The fixed tables of the stand-in schema and the hooks that reach them.
 #include <map>
+#include <utility>
 
 #include "KorSysSchema.h"
 #include "qkValue.h"
@@ -15,65 +16,55 @@ constexpr int T = qkValue::Date;
 constexpr int S = qkValue::String;
 constexpr int R = qkValue::Raw;
 
+// Fields left out keep TableSpec's defaults: no index, selective, no version.
 std::vector<std::pair<int, TableSpec>> fixedSpecs() {
     return {
         {1,
-         {"CUSTOMER",
-          {{"id", I}, {"name", S}, {"balance", D}, {"created", T}, {"active", B}},
-          {0},
-          {},
-          1,
-          -1,
-          1}},
+         {.name = "CUSTOMER",
+          .columns = {{"id", I}, {"name", S}, {"balance", D}, {"created", T}, {"active", B}},
+          .primary = {0},
+          .group = 1}},
         {2,
-         {"ORDER_LINE",
-          {{"orderId", I}, {"lineNo", I}, {"itemId", I}, {"quantity", D}, {"note", S}},
-          {0, 1, 2},
-          {},
-          1,
-          -1,
-          1}},
+         {.name = "ORDER_LINE",
+          .columns = {{"orderId", I}, {"lineNo", I}, {"itemId", I}, {"quantity", D}, {"note", S}},
+          .primary = {0, 1, 2},
+          .group = 1}},
         {3,
-         {"ITEM",
-          {{"id", I}, {"code", S}, {"category", I}, {"price", D}, {"picture", R}},
-          {0},
-          {2, 1},
-          1,
-          -1,
-          2}},
+         {.name = "ITEM",
+          .columns = {{"id", I}, {"code", S}, {"category", I}, {"price", D}, {"picture", R}},
+          .primary = {0},
+          .index = {2, 1},
+          .group = 2}},
         {4,
-         {"STOCK",
-          {{"itemId", I}, {"warehouse", I}, {"amount", D}, {"updated", T}},
-          {0, 1},
-          {},
-          1,
-          0,
-          3}},
+         {.name = "STOCK",
+          .columns = {{"itemId", I}, {"warehouse", I}, {"amount", D}, {"updated", T}},
+          .primary = {0, 1},
+          .versionIndex = 0,
+          .group = 3}},
         {5,
-         {"AUDIT_LOG",
-          {{"seq", I}, {"at", T}, {"user", S}, {"payload", R}, {"ok", B}},
-          {0},
-          {},
-          0,
-          -1,
-          4}},
+         {.name = "AUDIT_LOG",
+          .columns = {{"seq", I}, {"at", T}, {"user", S}, {"payload", R}, {"ok", B}},
+          .primary = {0},
+          .selective = 0,
+          .group = 4}},
         {6,
-         {"PRICE_%s",
-          {{"itemId", I}, {"validFrom", T}, {"price", D}, {"currency", S}},
-          {0, 1},
-          {},
-          1,
-          -1,
-          2}},
-        {46, {"LINK", {{"parent", I}, {"child", I}, {"kind", I}}, {0, 1}, {1}, 1, -1, 5}},
+         {.name = "PRICE_%s",
+          .columns = {{"itemId", I}, {"validFrom", T}, {"price", D}, {"currency", S}},
+          .primary = {0, 1},
+          .group = 2}},
+        {46,
+         {.name = "LINK",
+          .columns = {{"parent", I}, {"child", I}, {"kind", I}},
+          .primary = {0, 1},
+          .index = {1},
+          .group = 5}},
         {127,
-         {"MEMBER",
-          {{"groupId", I}, {"memberId", I}, {"role", S}, {"since", T}},
-          {1, 0},
-          {2},
-          1,
-          1,
-          3}},
+         {.name = "MEMBER",
+          .columns = {{"groupId", I}, {"memberId", I}, {"role", S}, {"since", T}},
+          .primary = {1, 0},
+          .index = {2},
+          .versionIndex = 1,
+          .group = 3}},
     };
 }
 
@@ -89,11 +80,11 @@ std::map<int, SchemaTable*> const& tables() {
 }
 
 SchemaTable& unknownTable() {
-    static auto* unknown = new SchemaTable([] {
+    static auto* unknown = [] {
         TableSpec spec;
         spec.name = "UNKNOWN";
-        return spec;
-    }());
+        return new SchemaTable(std::move(spec));
+    }();
     return *unknown;
 }
 
