@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "KorSysSchema.h"
 #include "qkCompositeValues.h"
 #include "qkOID.h"
 #include "qkScalarValues.h"
@@ -49,8 +50,8 @@ IntList ints(std::initializer_list<int> l) {
     return out;
 }
 
-std::map<int, TestTable*>& tables() {
-    static std::map<int, TestTable*> t;
+std::map<int, qkTable*>& tables() {
+    static std::map<int, qkTable*> t;
     return t;
 }
 
@@ -233,18 +234,15 @@ TEST_F(Descriptor, CompareIsATotalOrderAndRemoveSkipsOperands) {
 TEST_F(Descriptor, KeyRulesAgainstARederivation) {
     std::mt19937 rng(12);
     for (int round = 0; round < 4000; ++round) {
-        IntList pk, ix;
-        for (int k = static_cast<int>(rng() % 4); k > 0; --k)
-            pk << static_cast<int>(rng() % 4);
-        for (int k = static_cast<int>(rng() % 3); k > 0; --k)
-            ix << static_cast<int>(rng() % 4);
-        TestTable t("R", pk, ix, static_cast<int>(rng() % 12));
-        t.selective = rng() % 5 != 0;
-        tables()[9] = &t;
+        // A random table of the stand-in schema: keys of 0 to 3 columns.
+        std::unique_ptr<KorSysSchema::SchemaTable> t = KorSysSchema::makeRandomTable(rng, {5, 3});
+        tables()[9] = t.get();
+        IntList const& pk = t->primaryColumns();
+        IntList const& ix = t->indexColumns();
         qkOID o(9, 1, 1);
         std::vector<std::tuple<int, int, int>> w;  // column, operator, type
         for (int n = static_cast<int>(rng() % 6); n > 0; --n) {
-            int column = static_cast<int>(rng() % 4);
+            int column = static_cast<int>(rng() % 5);
             int op = rng() % 6 ? qkValue::Equal : qkValue::MoreThan;
             int type = rng() % 7 == 0   ? qkValue::List
                        : rng() % 9 == 0 ? qkValue::Join
@@ -270,7 +268,7 @@ TEST_F(Descriptor, KeyRulesAgainstARederivation) {
         };
         unsigned char byPrimary = 9, byIndex = 9;
         IntList const& returned = o.byPrimaryOrIndex(byPrimary, byIndex);
-        ASSERT_EQ(&returned, &t.pk_);
+        ASSERT_EQ(&returned, &pk);
         ASSERT_EQ(byPrimary, fullKeyInFront(pk));
         ASSERT_EQ(byIndex, fullKeyInFront(ix));
         int constrained = 0;  // (value, key column) pairs that an Equal integer fixes
@@ -280,8 +278,8 @@ TEST_F(Descriptor, KeyRulesAgainstARederivation) {
         ASSERT_EQ(o.isPrimaryKeyInQuery(), constrained == pk.count());
         int n = static_cast<int>(std::count_if(
             w.begin(), w.end(), [](auto const& e) { return std::get<2>(e) != qkValue::Join; }));
-        int c = t.columnCount(1);
-        bool all = !t.selective || n == 0 || n >= c || (2 * n < c && n + 3 < c);
+        int c = t->columnCount(1);
+        bool all = !t->selective || n == 0 || n >= c || (2 * n < c && n + 3 < c);
         ASSERT_EQ(o.allColumns(), all) << "n " << n << " c " << c;
     }
     tables().erase(9);
