@@ -15,8 +15,13 @@ namespace {
 
 // The version file is reread this many times (20 ms apart) before a begin
 // gives up: a writer truncates and rewrites it, so a reader may see it empty.
+// The fuzz build pauses 0 ms: its targets are alone on their stores, and an
+// unreadable version file would otherwise cost every such input 2 seconds.
+#ifndef QK_TAGDB_VERSION_RETRY_MS
+#define QK_TAGDB_VERSION_RETRY_MS 20
+#endif
 constexpr int kVersionAttempts = 100;
-constexpr unsigned kVersionRetryMs = 20;
+constexpr unsigned kVersionRetryMs = QK_TAGDB_VERSION_RETRY_MS;
 
 // The three tables of a node index, read before they replace the store's.
 struct IndexTables {
