@@ -120,6 +120,6 @@ fuzz: fuzz-deps
 	      -artifact_prefix=$(CURDIR)/build-fuzz/artifacts/$$t/ \
 	      $(CURDIR)/build-fuzz/corpus/$$t $(CURDIR)/$(FUZZ_INPUTS)/$$t ) \
 	    >/dev/null 2>&1; rc=$$?; \
-	  grep -E '^#[0-9]+ +DONE|^Done' build-fuzz/logs/$$t/fuzz-0.log; \
+	  grep -E '^#[0-9]+[[:space:]]+DONE|^Done' build-fuzz/logs/$$t/fuzz-0.log; \
 	  if [ $$rc -ne 0 ]; then tail -40 build-fuzz/logs/$$t/fuzz-0.log; exit 1; fi; \
 	done
