@@ -8,6 +8,7 @@
 #   make install PREFIX=/some/where
 #   make format    clang-format every source file
 #   make soak      the tag database's randomised and crash tests, 20 times longer
+#   make fuzz      the tag database's fuzz targets, FUZZ_SECONDS (600) each
 #
 # Missing Debian packages are installed with apt-get on first use.
 
@@ -19,6 +20,7 @@ SUDO   := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 BASE_PKGS  := cmake g++ make pkg-config libgtest-dev libgmock-dev
 BENCH_PKGS := libbenchmark-dev libjemalloc-dev libmimalloc-dev libgoogle-perftools-dev \
               liblmdb-dev libsqlite3-dev libleveldb-dev libfmt-dev
+FUZZ_PKGS  := clang libclang-rt-14-dev
 SAN_TEST_EXCLUDE := -LE no-sanitizer
 
 # $(call ensure,packages): apt-get install whatever of them is missing.
@@ -79,10 +81,45 @@ format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-bench build-asan build-tsan build-install
+	rm -rf build build-bench build-asan build-tsan build-install build-fuzz
 
 .PHONY: soak
 soak: deps
 	$(call build,build,$(DEV_ARGS))
 	cd build && QK_TAGDB_SOAK=20 ctest --output-on-failure -j $(JOBS) \
 	  -R 'TagdbTreeModel|TagdbCrash|TagdbWriters'
+
+# The tag database's fuzz targets (qkUtil.m/src/tagdb/fuzz), built with clang,
+# libFuzzer, ASan and UBSan in build-fuzz, run one after another for
+# FUZZ_SECONDS each. Each grows its corpus in build-fuzz/corpus/<target>,
+# seeded by the target itself at start-up, and also reads the committed
+# regression inputs. The stores live on tmpfs when there is one: the targets
+# rewrite their files for every input. A failing input is left in
+# build-fuzz/artifacts/<target>/; the run log in build-fuzz/logs/<target>/.
+FUZZ_SECONDS ?= 600
+FUZZ_TARGETS := version index node log interleave
+FUZZ_BIN     := build-fuzz/qkUtil.m/src/tagdb/fuzz
+FUZZ_INPUTS  := qkUtil.m/src/tagdb/fuzz/regressions
+FUZZ_TMPDIR  ?= $(shell [ -d /dev/shm ] && [ -w /dev/shm ] && echo /dev/shm || echo $${TMPDIR:-/tmp})
+
+.PHONY: fuzz fuzz-deps
+fuzz-deps: deps
+	$(call ensure,$(FUZZ_PKGS))
+
+fuzz: fuzz-deps
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DQKUTIL_FUZZ=ON -DQKUTIL_BUILD_TESTS=OFF -DQKUTIL_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build build-fuzz -j $(JOBS)
+	@for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$t build-fuzz/artifacts/$$t build-fuzz/logs/$$t; \
+	  echo "fuzzing $$t for $(FUZZ_SECONDS) s"; \
+	  ( cd build-fuzz/logs/$$t && TMPDIR=$(FUZZ_TMPDIR) \
+	    QK_TAGDB_FUZZ_SEEDS=$(CURDIR)/build-fuzz/corpus/$$t \
+	    $(CURDIR)/$(FUZZ_BIN)/tagdb_fuzz_$$t -jobs=1 -workers=1 \
+	      -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=2048 -timeout=10 \
+	      -artifact_prefix=$(CURDIR)/build-fuzz/artifacts/$$t/ \
+	      $(CURDIR)/build-fuzz/corpus/$$t $(CURDIR)/$(FUZZ_INPUTS)/$$t ) \
+	    >/dev/null 2>&1; rc=$$?; \
+	  grep -E '^#[0-9]+[[:space:]]+DONE|^Done' build-fuzz/logs/$$t/fuzz-0.log; \
+	  if [ $$rc -ne 0 ]; then tail -40 build-fuzz/logs/$$t/fuzz-0.log; exit 1; fi; \
+	done

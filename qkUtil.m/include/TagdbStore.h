@@ -118,12 +118,15 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     // ref = the child of inner node n at pos, and `bounds` (n's on entry)
     // become the child's. Failed when it cannot be loaded, is not one level
     // below n, or, read from its file just now, holds a key outside its
-    // bounds (a damaged store). Restart when the store moved on to a newer
+    // bounds or, a leaf at the end of the tree, a record in its last entry
+    // (a damaged store). Restart when the store moved on to a newer
     // version while the child was loaded: n and the path above it are of
     // the older version and may no longer lead to the keys sought, so the
     // descent starts over from the root.
     Status loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref, Bounds& bounds);
-    // ref = the root; Failed when its level is beyond any reachable height.
+    // ref = the root; Failed when its level is beyond any reachable height,
+    // or when it is a leaf whose last entry (the end of the tree) holds a
+    // record.
     Status loadRoot(TagdbNodeRef& ref);
     // One descent from the root to the leaf entry of the first key >= key
     // (tie 0) or > key (tie 1): leaf = that entry, found = an entry compared
@@ -218,6 +221,9 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
     Status readEntries(TagdbNode* node);
     static bool entriesInOrder(TagdbNode const* node);
     static bool withinBounds(TagdbNode const* node, Bounds& bounds);
+    // A leaf whose last entry holds a record: only a leaf below a separator
+    // may, since that record belongs to the separator's key.
+    static bool endHoldsRecord(TagdbNode const* node);
     TagdbCacheEntry* evictionVictim();
     Status evict(TagdbCacheEntry* entry);
     bool growTables();

@@ -125,13 +125,19 @@ bool TagdbStore::entriesInOrder(TagdbNode const* node) {
 }
 
 // A node just read from its file holds only keys within the separators
-// that led to it.
+// that led to it. Without a separator above it, it lies on the rightmost
+// path, and a leaf there ends the tree: its last entry holds no record.
 bool TagdbStore::withinBounds(TagdbNode const* node, Bounds& bounds) {
-    if (node->count < 2) return true;
     TagdbKey* low = bounds.low.node ? bounds.low.key() : nullptr;
     TagdbKey* high = bounds.high.node ? bounds.high.key() : nullptr;
+    if (!high && endHoldsRecord(node)) return false;
+    if (node->count < 2) return true;
     if (low && low->compare(node->keys[0]) >= 0) return false;
     return !high || node->keys[node->count - 2]->compare(high) < 0;
+}
+
+bool TagdbStore::endHoldsRecord(TagdbNode const* node) {
+    return node->isLeaf() && node->count >= 1 && node->values[node->count - 1].record;
 }
 
 // A node without entries, or whose id this transaction freed, has nothing

@@ -15,8 +15,17 @@ namespace {
 
 // The version file is reread this many times (20 ms apart) before a begin
 // gives up: a writer truncates and rewrites it, so a reader may see it empty.
+// The fuzz build does not pause: its targets are alone on their stores, and
+// an unreadable version file would otherwise cost every such input 2 seconds.
+#ifndef QK_TAGDB_VERSION_RETRY_MS
+#define QK_TAGDB_VERSION_RETRY_MS 20
+#endif
 constexpr int kVersionAttempts = 100;
-constexpr unsigned kVersionRetryMs = 20;
+constexpr unsigned kVersionRetryMs = QK_TAGDB_VERSION_RETRY_MS;
+
+void pauseBeforeRetry() {
+    if (kVersionRetryMs > 0) qk::platform::sleepMs(kVersionRetryMs);
+}
 
 // The three tables of a node index, read before they replace the store's.
 struct IndexTables {
@@ -281,7 +290,7 @@ TagdbCommon::Status TagdbStore::readVersionFile(int& v) {
             // An open that fails for a passing reason must not reset an
             // existing store to empty: the file counts as missing only when
             // a second open, a moment later, fails as well.
-            qk::platform::sleepMs(kVersionRetryMs);
+            pauseBeforeRetry();
             int creations = 0;
             while (file->open(versionPath(), ReadMode) != Ok) {
                 if (++creations > kVersionAttempts || writeVersion(1) != Ok) return Failed;
@@ -293,7 +302,7 @@ TagdbCommon::Status TagdbStore::readVersionFile(int& v) {
             v = read;
             return Ok;
         }
-        qk::platform::sleepMs(kVersionRetryMs);
+        pauseBeforeRetry();
     }
     return Failed;
 }

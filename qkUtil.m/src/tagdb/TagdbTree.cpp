@@ -33,7 +33,7 @@ int TagdbStore::search(TagdbNode* n, TagdbKey& key, int tie, int& found) {
 
 TagdbCommon::Status TagdbStore::loadRoot(TagdbNodeRef& ref) {
     if (loadNode(0, ref) != Ok) return Failed;
-    if (ref.node->level > kMaxHeight || ref.node->count < 1) {
+    if (ref.node->level > kMaxHeight || ref.node->count < 1 || endHoldsRecord(ref.node)) {
         ref.release();
         return Failed;
     }
@@ -47,6 +47,8 @@ TagdbCommon::Status TagdbStore::loadRoot(TagdbNodeRef& ref) {
 // A child read from its file (not found in the cache) must also lie within
 // the separators on its path: damage that keeps each node in order but puts
 // a node under the wrong parent is refused before anything builds on it.
+// So is a leaf that such damage makes the end of the tree while its last
+// entry holds the record of a separator key above it no longer.
 TagdbCommon::Status TagdbStore::loadChild(TagdbNode* n, int pos, TagdbNodeRef& ref,
                                           Bounds& bounds) {
     // The bounds hold n (ref may hold its only reference) and its keys.
