@@ -15,7 +15,7 @@
 //  127  MEMBER        1,0      2       1           1            3
 //
 // PRICE_%s is the variant table: its name is a printf format with one %s.
-// 46 and 127 are the ids the library treats specially.
+// 46 and 127 are the ids the library treats apart.
 //
 // The group version of a table whose versionIndex is not negative is
 // 1 + (7 * id + 3 * partition) mod 50, with the mod taken into 0 .. 49 for
@@ -36,15 +36,15 @@
 namespace KorSysSchema {
 
 // One column: its name and its qkValue::qkDataType number.
-struct ColumnSpec {
+struct ColumnLayout {
     std::string name;
     int dataType;
 };
 
 // Everything that makes a table description.
-struct TableSpec {
+struct TableLayout {
     std::string name;
-    std::vector<ColumnSpec> columns;
+    std::vector<ColumnLayout> columns;
     std::vector<int> primary = {};  // column numbers in key order
     std::vector<int> index = {};    // column numbers in index order
     int selective = 1;
@@ -52,25 +52,25 @@ struct TableSpec {
     int group = 0;
 };
 
-// A qkTable that answers from a TableSpec. It owns its names, so the
+// A qkTable that answers from a TableLayout. It owns its names, so the
 // pointers it hands out live as long as it does. It answers the same
 // whatever the `which` argument; columnInfo is null outside 0 .. count - 1.
 class SchemaTable : public qkTable {
   public:
-    explicit SchemaTable(TableSpec spec);
+    explicit SchemaTable(TableLayout layout);
     SchemaTable(SchemaTable const&) = delete;
     SchemaTable& operator=(SchemaTable const&) = delete;
 
     IntList const& primaryColumns() override { return primary_; }
     IntList const& indexColumns() override { return index_; }
-    char const* name() override { return spec_.name.c_str(); }
+    char const* name() override { return layout_.name.c_str(); }
     int columnCount(int which) override;
     qkColumnInfo const* columnInfo(int column, int which) override;
 
-    TableSpec const& spec() const { return spec_; }
+    TableLayout const& layout() const { return layout_; }
 
   private:
-    TableSpec spec_;
+    TableLayout layout_;
     std::vector<qkColumnInfo> infos_;
     IntList primary_;
     IntList index_;

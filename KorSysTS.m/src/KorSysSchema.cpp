@@ -16,8 +16,8 @@ constexpr int T = qkValue::Date;
 constexpr int S = qkValue::String;
 constexpr int R = qkValue::Raw;
 
-// Fields left out keep TableSpec's defaults: no index, selective, no version.
-std::vector<std::pair<int, TableSpec>> fixedSpecs() {
+// Fields left out keep TableLayout's defaults: no index, selective, no version.
+std::vector<std::pair<int, TableLayout>> fixedLayouts() {
     return {
         {1,
          {.name = "CUSTOMER",
@@ -72,8 +72,8 @@ std::vector<std::pair<int, TableSpec>> fixedSpecs() {
 std::map<int, SchemaTable*> const& tables() {
     static auto* all = [] {
         auto* m = new std::map<int, SchemaTable*>;
-        for (auto& [id, spec] : fixedSpecs())
-            (*m)[id] = new SchemaTable(std::move(spec));
+        for (auto& [id, layout] : fixedLayouts())
+            (*m)[id] = new SchemaTable(std::move(layout));
         return m;
     }();
     return *all;
@@ -81,9 +81,9 @@ std::map<int, SchemaTable*> const& tables() {
 
 SchemaTable& unknownTable() {
     static auto* unknown = [] {
-        TableSpec spec;
-        spec.name = "UNKNOWN";
-        return new SchemaTable(std::move(spec));
+        TableLayout layout;
+        layout.name = "UNKNOWN";
+        return new SchemaTable(std::move(layout));
     }();
     return *unknown;
 }

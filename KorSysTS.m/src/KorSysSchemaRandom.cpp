@@ -25,19 +25,19 @@ std::vector<int> randomKey(std::mt19937& rng, int columns, int maxLength) {
 }  // namespace
 
 std::unique_ptr<SchemaTable> makeRandomTable(std::mt19937& rng, RandomLimits const& limits) {
-    TableSpec spec;
+    TableLayout layout;
     int columns = uniform(rng, 1, std::max(1, limits.maxColumns));
     for (int c = 0; c < columns; ++c)
-        spec.columns.push_back(
+        layout.columns.push_back(
             {"C" + std::to_string(c), uniform(rng, qkValue::Boolean, qkValue::Raw)});
-    spec.primary = randomKey(rng, columns, limits.maxKeyColumns);
-    spec.index = randomKey(rng, columns, limits.maxKeyColumns);
-    spec.selective = uniform(rng, 0, 1);
-    spec.versionIndex = uniform(rng, -1, 3);
-    spec.group = uniform(rng, 0, 25);
-    spec.name = "R" + std::to_string(uniform(rng, 0, 9999));
-    if (uniform(rng, 0, 1)) spec.name += "_%s";
-    return std::make_unique<SchemaTable>(std::move(spec));
+    layout.primary = randomKey(rng, columns, limits.maxKeyColumns);
+    layout.index = randomKey(rng, columns, limits.maxKeyColumns);
+    layout.selective = uniform(rng, 0, 1);
+    layout.versionIndex = uniform(rng, -1, 3);
+    layout.group = uniform(rng, 0, 25);
+    layout.name = "R" + std::to_string(uniform(rng, 0, 9999));
+    if (uniform(rng, 0, 1)) layout.name += "_%s";
+    return std::make_unique<SchemaTable>(std::move(layout));
 }
 
 }  // namespace KorSysSchema

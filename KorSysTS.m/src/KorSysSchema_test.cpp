@@ -85,7 +85,7 @@ TEST(Schema, FixedTablesAreConsistent) {
     }
 }
 
-TEST(Schema, IdsAreAscendingDistinctAndIncludeTheSpecialOne) {
+TEST(Schema, IdsAreAscendingDistinctAndIncludeTheTreatedOnes) {
     std::vector<int> ids = tableIds();
     ASSERT_GE(ids.size(), 6u);
     for (size_t i = 1; i < ids.size(); ++i)

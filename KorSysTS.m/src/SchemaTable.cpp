@@ -1,4 +1,4 @@
-// SchemaTable: a qkTable answering from its TableSpec.
+// SchemaTable: a qkTable answering from its TableLayout.
 #include <utility>
 
 #include "KorSysSchema.h"
@@ -14,16 +14,16 @@ void fill(IntList& list, std::vector<int> const& columns) {
 
 }  // namespace
 
-SchemaTable::SchemaTable(TableSpec spec) : spec_(std::move(spec)) {
-    // The records point into spec_'s strings, which stay put from here on.
-    infos_.reserve(spec_.columns.size());
-    for (ColumnSpec const& c : spec_.columns)
+SchemaTable::SchemaTable(TableLayout layout) : layout_(std::move(layout)) {
+    // The records point into layout_'s strings, which stay put from here on.
+    infos_.reserve(layout_.columns.size());
+    for (ColumnLayout const& c : layout_.columns)
         infos_.push_back({c.name.c_str(), c.dataType});
-    fill(primary_, spec_.primary);
-    fill(index_, spec_.index);
-    selective = spec_.selective;
-    versionIndex = spec_.versionIndex;
-    group = spec_.group;
+    fill(primary_, layout_.primary);
+    fill(index_, layout_.index);
+    selective = layout_.selective;
+    versionIndex = layout_.versionIndex;
+    group = layout_.group;
 }
 
 int SchemaTable::columnCount(int) {

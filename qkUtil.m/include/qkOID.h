@@ -72,7 +72,7 @@ class QK_EXPORT qkOID {
     int compareTable(qkOID const& other) const;
     unsigned char operator==(qkOID const& other) const { return compare(other, 0) == 0; }
 
-    // ---- inspection -------------------------------------------------------------
+    // ---- questions --------------------------------------------------------------
     // The nesting depth of sub-queries from `level`; with skipUnselective,
     // sub-queries on non-selective tables (and tables 46 and 127) are skipped.
     int depth(int level, unsigned char skipUnselective);

@@ -1,4 +1,4 @@
-// tagdb: inspection and maintenance of tag database stores.
+// tagdb: looking into and maintaining tag database stores.
 #include "tagdb_tool.h"
 
 int main(int argc, char** argv) {

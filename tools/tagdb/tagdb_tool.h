@@ -1,4 +1,4 @@
-// The `tagdb` command-line tool: inspection and maintenance of one tag
+// The `tagdb` command-line tool: reading, checking and maintaining one tag
 // database store (string keys, byte-run records) from the shell.
 //
 // Every change runs in one Update transaction, committed only when the whole

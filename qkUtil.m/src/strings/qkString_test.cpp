@@ -232,6 +232,17 @@ TEST(qkStringStreams, EveryStreamKindReadsLineAfterLine) {
     unlink(path);
 }
 
+// The caller tag in the first warning `what` among the printed lines
+// ("<what> (0x<tag>:<line>)"); 0, and a test failure, when there is none.
+static unsigned warnedTag(std::string const& warnings, char const* what) {
+    std::string head = std::string(what) + " (0x";
+    size_t at = warnings.find(head);
+    EXPECT_NE(at, std::string::npos) << warnings;
+    unsigned tag = 0;
+    if (at != std::string::npos) std::sscanf(warnings.c_str() + at + head.size(), "%x:", &tag);
+    return tag;
+}
+
 // The caller tag of a string's heap block moves up the stack with the
 // manager's allocation offset, and only with it. The tag is seen in the
 // warning of a crossed thread limit (given with an error handler set).
@@ -252,13 +263,7 @@ TEST(qkStringTags, AllocationTagsFollowTheAllocationOffset) {
             s.resize(5000, 0);  // a large block: its charge crosses the limit
         }
         qkFree(held, "test", 0);
-        unsigned tag = 0;
-        char const* what = "thread memory limit exceeded (0x";
-        size_t at = warnings.find(what);
-        EXPECT_NE(at, std::string::npos) << warnings;
-        if (at != std::string::npos)
-            std::sscanf(warnings.c_str() + at + std::strlen(what), "%x:", &tag);
-        return tag;
+        return warnedTag(warnings, "thread memory limit exceeded");
     };
     std::thread([&] {
         unsigned alloc = allocTag();
@@ -293,13 +298,7 @@ TEST(qkStringTags, ReleaseTagsFollowTheFreeOffset) {
             warnings.clear();
         }
         reinterpret_cast<qkString*>(twin)->~qkString();  // the same block again
-        unsigned tag = 0;
-        char const* what = "duplicate free (0x";
-        size_t at = warnings.find(what);
-        EXPECT_NE(at, std::string::npos) << warnings;
-        if (at != std::string::npos)
-            std::sscanf(warnings.c_str() + at + std::strlen(what), "%x:", &tag);
-        return tag;
+        return warnedTag(warnings, "duplicate free");
     };
     std::thread([&] {
         unsigned freed = freeTag();

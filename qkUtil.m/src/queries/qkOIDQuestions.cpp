@@ -1,4 +1,4 @@
-// qkOID inspection: sub-query depth and breadth, whether the where list
+// Questions a qkOID answers about itself: sub-query depth and breadth, whether the where list
 // addresses rows by the primary key or the index, and whether a fetch
 // should read every column.
 #include <algorithm>
