@@ -7,5 +7,6 @@ void demoStrings();
 void demoLists();
 void demoValues();
 void demoQueries();
+void demoKeys();
 void demoMemory();
 void demoTagdb();

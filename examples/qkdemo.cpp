@@ -12,6 +12,7 @@ int main() {
     demoLists();
     demoValues();
     demoQueries();
+    demoKeys();
     demoMemory();
     demoTagdb();
     std::printf("\ndone.\n");
