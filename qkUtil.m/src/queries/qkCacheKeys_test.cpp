@@ -539,7 +539,7 @@ TEST_F(CacheKeys, IteratorKeysArePrefixesOfTheEntriesTheyCover) {
             for (int i = 0; i < n; ++i)
                 changed.append(qkValue::newValue(c.row[i], 0));
             std::string before = valueText(changed[column]);
-            changed.remove(column);
+            changed.removeAndDelete(column);
             changed.insert(column, stringValue(column, (before + "~").c_str()));
             entry.setEntry(o, ident, column, thenColumn, &changed, entryNumber);
             ASSERT_NE(str(entry).compare(0, it.size(), it), 0) << "round " << round;
