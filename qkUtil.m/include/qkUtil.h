@@ -18,6 +18,7 @@
 #include "qkMemory.h"
 #include "qkOID.h"
 #include "qkPrimaryKey.h"
+#include "qkRowSet.h"
 #include "qkScalarValues.h"
 #include "qkString.h"
 #include "qkSuperSetKey.h"
