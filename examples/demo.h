@@ -8,5 +8,6 @@ void demoLists();
 void demoValues();
 void demoQueries();
 void demoKeys();
+void demoRowSets();
 void demoMemory();
 void demoTagdb();

@@ -13,6 +13,7 @@ int main() {
     demoValues();
     demoQueries();
     demoKeys();
+    demoRowSets();
     demoMemory();
     demoTagdb();
     std::printf("\ndone.\n");
