@@ -231,6 +231,30 @@ class QK_EXPORT qkValue {
     // cell compares equal to key: its index, or -1.
     static int lookup(qkValueList** rows, int n, qkValue& key);
 
+    // ---- the binary record (scalar types only) --------------------------------
+    // A type byte (data type, and a small number N in the high nibble), a
+    // flags byte (the flags; 0x40: number bytes follow; 0x80: negative),
+    // N + 1 number bytes when 0x40 is set, then the content: a Double's 8
+    // and a Date's 24 bytes, a String's or Raw's `number` bytes. The number
+    // is an Int's or Boolean's value, a String's or Raw's length.
+    //
+    // Appends this value's record at buf + pos and advances pos; when the
+    // record may not fit, the block (qkMalloc'd, `capacity` bytes; null with
+    // 0) grows by qkRealloc to twice the room needed. List, query and join
+    // values write nothing, and neither does a record beyond 2 GiB.
+    void writeObject(char*& buf, int& pos, int& capacity);
+    // Reads the record at buf + pos, which must be complete, advances pos
+    // past it and returns a new value with that column (the caller owns it):
+    // content and flags without Federate and NullValue; an Int or Boolean
+    // comes back marked Updated. A type nibble above 5 gives null after the
+    // two header bytes. A negative String or Raw length reads as 0.
+    static qkValue* readObject(char* buf, int& pos, int column);
+    // The same for a record that must lie within buf's first `length`
+    // bytes: null, with pos unchanged, when it does not (truncated or
+    // damaged: a length past the end, or a negative one). Never reads
+    // outside the buffer.
+    static qkValue* readObject(char const* buf, int& pos, int length, int column);
+
     // ---- factories (the caller owns the result) ----------------------------
     // A new value of src's class with src's column, its operator, content
     // and (withFlags) flags; table id -1. Null for a type without a class.
