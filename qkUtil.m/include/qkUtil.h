@@ -12,6 +12,7 @@
 #include "TagdbKey.h"
 #include "TagdbNode.h"
 #include "TagdbStore.h"
+#include "qkBase64.h"
 #include "qkCompositeValues.h"
 #include "qkExport.h"
 #include "qkFlashKey.h"
