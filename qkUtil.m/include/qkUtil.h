@@ -26,6 +26,7 @@
 #include "qkTable.h"
 #include "qkThread.h"
 #include "qkTimebase.h"
+#include "qkUuid.h"
 #include "qkVArray.h"
 #include "qkValue.h"
 #include "qkValueList.h"

@@ -114,5 +114,9 @@ QK_EXPORT void sleepMs(unsigned ms);
 // The monotonic high-resolution counter and its ticks per second.
 QK_EXPORT int64_t perfCounter();
 QK_EXPORT int64_t perfFrequency();
+// Seconds since 1970 by the wall clock.
+QK_EXPORT int64_t unixTime();
+// The calling process's id.
+QK_EXPORT int processId();
 
 }  // namespace qk::platform

@@ -1,6 +1,8 @@
 // Ticks, sleeps and the high-resolution counter, all on CLOCK_MONOTONIC so
-// that wall-clock changes never disturb a time-out.
+// that wall-clock changes never disturb a time-out; the wall clock and the
+// process id for identifiers.
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -29,6 +31,14 @@ int64_t perfCounter() {
 }
 int64_t perfFrequency() {
     return 1000000000;
+}
+
+int64_t unixTime() {
+    return static_cast<int64_t>(time(nullptr));
+}
+
+int processId() {
+    return static_cast<int>(getpid());
 }
 
 }  // namespace qk::platform
