@@ -9,6 +9,10 @@ install(TARGETS qkUtil EXPORT qkUtilTargets
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qkUtil)
 install(DIRECTORY qkUtil.m/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qkUtil
         FILES_MATCHING PATTERN "*.h")
+# The host's hash table, which qkStringHashTable derives from; the library
+# carries the stand-in's code.
+install(FILES KorSysTS.m/include/KorSysSimpleHashTable.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qkUtil)
 install(EXPORT qkUtilTargets NAMESPACE qkUtil:: FILE qkUtilTargets.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qkUtil)
 
