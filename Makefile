@@ -8,7 +8,7 @@
 #   make install PREFIX=/some/where
 #   make format    clang-format every source file
 #   make soak      the tag database's randomised and crash tests, 20 times longer
-#   make fuzz      the tag database's fuzz targets, FUZZ_SECONDS (600) each
+#   make fuzz      every fuzz target, FUZZ_SECONDS (60) each
 #
 # Missing Debian packages are installed with apt-get on first use.
 
@@ -89,17 +89,18 @@ soak: deps
 	cd build && QK_TAGDB_SOAK=20 ctest --output-on-failure -j $(JOBS) \
 	  -R 'TagdbTreeModel|TagdbCrash|TagdbWriters'
 
-# The tag database's fuzz targets (qkUtil.m/src/tagdb/fuzz), built with clang,
-# libFuzzer, ASan and UBSan in build-fuzz, run one after another for
-# FUZZ_SECONDS each. Each grows its corpus in build-fuzz/corpus/<target>,
-# seeded by the target itself at start-up, and also reads the committed
-# regression inputs. The stores live on tmpfs when there is one: the targets
-# rewrite their files for every input. A failing input is left in
-# build-fuzz/artifacts/<target>/; the run log in build-fuzz/logs/<target>/.
-FUZZ_SECONDS ?= 600
-FUZZ_TARGETS := version index node log interleave
-FUZZ_BIN     := build-fuzz/qkUtil.m/src/tagdb/fuzz
-FUZZ_INPUTS  := qkUtil.m/src/tagdb/fuzz/regressions
+# The fuzz targets, built with clang, libFuzzer, ASan and UBSan in
+# build-fuzz, run one after another for FUZZ_SECONDS each: the tag
+# database's readers (qkUtil.m/src/tagdb/fuzz) and the utilities' parsers
+# (qkUtil.m/src/fuzz: Base64, UUID texts, value records, the tokenizer, the
+# formatting engine). Each grows its corpus in build-fuzz/corpus/<target>
+# from the committed inputs under the target's regressions/<target> (the tag
+# database's targets also seed it at start-up). The stores live on tmpfs
+# when there is one: the targets rewrite their files for every input. A
+# failing input is left in build-fuzz/artifacts/<target>/; the run log in
+# build-fuzz/logs/<target>/. FUZZ_TARGETS picks a subset.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= version index node log interleave base64 uuid record strtok format
 FUZZ_TMPDIR  ?= $(shell [ -d /dev/shm ] && [ -w /dev/shm ] && echo /dev/shm || echo $${TMPDIR:-/tmp})
 
 .PHONY: fuzz fuzz-deps
@@ -111,14 +112,20 @@ fuzz: fuzz-deps
 	  -DQKUTIL_FUZZ=ON -DQKUTIL_BUILD_TESTS=OFF -DQKUTIL_BUILD_EXAMPLES=OFF
 	$(CMAKE) --build build-fuzz -j $(JOBS)
 	@for t in $(FUZZ_TARGETS); do \
+	  bin=$(CURDIR)/build-fuzz/qkUtil.m/src/tagdb/fuzz/tagdb_fuzz_$$t; \
+	  inputs=$(CURDIR)/qkUtil.m/src/tagdb/fuzz/regressions/$$t; \
+	  if [ ! -x $$bin ]; then \
+	    bin=$(CURDIR)/build-fuzz/qkUtil.m/src/fuzz/qk_fuzz_$$t; \
+	    inputs=$(CURDIR)/qkUtil.m/src/fuzz/regressions/$$t; \
+	  fi; \
 	  mkdir -p build-fuzz/corpus/$$t build-fuzz/artifacts/$$t build-fuzz/logs/$$t; \
 	  echo "fuzzing $$t for $(FUZZ_SECONDS) s"; \
 	  ( cd build-fuzz/logs/$$t && TMPDIR=$(FUZZ_TMPDIR) \
 	    QK_TAGDB_FUZZ_SEEDS=$(CURDIR)/build-fuzz/corpus/$$t \
-	    $(CURDIR)/$(FUZZ_BIN)/tagdb_fuzz_$$t -jobs=1 -workers=1 \
+	    $$bin -jobs=1 -workers=1 \
 	      -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=2048 -timeout=10 \
 	      -artifact_prefix=$(CURDIR)/build-fuzz/artifacts/$$t/ \
-	      $(CURDIR)/build-fuzz/corpus/$$t $(CURDIR)/$(FUZZ_INPUTS)/$$t ) \
+	      $(CURDIR)/build-fuzz/corpus/$$t $$inputs ) \
 	    >/dev/null 2>&1; rc=$$?; \
 	  grep -E '^#[0-9]+[[:space:]]+DONE|^Done' build-fuzz/logs/$$t/fuzz-0.log; \
 	  if [ $$rc -ne 0 ]; then tail -40 build-fuzz/logs/$$t/fuzz-0.log; exit 1; fi; \
