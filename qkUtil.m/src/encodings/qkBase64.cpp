@@ -30,6 +30,25 @@ constexpr std::array<char, 2 * 4096> makePairs() {
 }
 constexpr std::array<char, 2 * 4096> kPairs = makePairs();
 
+// Each character's value already shifted into place for its position in a
+// group of four; a character outside the alphabet sets bit 31 in all four,
+// so one test over the OR of a group finds it.
+struct ShiftedTables {
+    uint32_t at[4][256];
+};
+constexpr ShiftedTables makeShifted() {
+    ShiftedTables t{};
+    constexpr char const* a = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (int k = 0; k < 4; ++k) {
+        for (int c = 0; c < 256; ++c)
+            t.at[k][c] = 0x80000000u;
+        for (int v = 0; v < 64; ++v)
+            t.at[k][static_cast<unsigned char>(a[v])] = uint32_t(v) << (18 - 6 * k);
+    }
+    return t;
+}
+constexpr ShiftedTables kShifted = makeShifted();
+
 // A 256-byte table from the memory manager, made on first use (once, by
 // whichever thread comes first) and kept for the life of the process.
 unsigned char* makeTable(unsigned char fill) {
@@ -91,9 +110,9 @@ int decode64(char const* in, size_t n, char* out) {
     for (;;) {
         // Whole groups of four alphabet characters, from state 0.
         while (state == 0 && i + 4 <= n) {
-            unsigned a = t[b[i]], c1 = t[b[i + 1]], c2 = t[b[i + 2]], c3 = t[b[i + 3]];
-            if ((a | c1 | c2 | c3) & kNotInAlphabet) break;
-            uint32_t v = a << 18 | c1 << 12 | c2 << 6 | c3;
+            uint32_t v = kShifted.at[0][b[i]] | kShifted.at[1][b[i + 1]] |
+                         kShifted.at[2][b[i + 2]] | kShifted.at[3][b[i + 3]];
+            if (v & 0x80000000u) break;
             o[0] = uint8_t(v >> 16), o[1] = uint8_t(v >> 8), o[2] = uint8_t(v);
             o += 3, i += 4;
         }

@@ -1,8 +1,11 @@
 // Ticks, sleeps and the high-resolution counter, all on CLOCK_MONOTONIC so
 // that wall-clock changes never disturb a time-out; the wall clock and the
 // process id for identifiers.
+#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include <cerrno>
 
@@ -37,8 +40,22 @@ int64_t unixTime() {
     return static_cast<int64_t>(time(nullptr));
 }
 
+// The id is asked of the kernel once (getpid is a system call) and again in
+// a forked child, whose id differs.
+namespace {
+std::atomic<int> cachedPid{0};
+__attribute__((constructor)) void forgetPidInChildren() {
+    pthread_atfork(nullptr, nullptr, [] { cachedPid.store(0, std::memory_order_relaxed); });
+}
+}  // namespace
+
 int processId() {
-    return static_cast<int>(getpid());
+    int pid = cachedPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = static_cast<int>(getpid());
+        cachedPid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 }  // namespace qk::platform
