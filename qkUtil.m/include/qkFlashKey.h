@@ -8,7 +8,7 @@
 //
 //   form     first word   second word          text
 //   empty    0            0                    ""
-//   inline   not 0        (part of the text)   the 16 bytes of the object,
+//   inline   not 0        (text bytes 8..15)   the 16 bytes of the object,
 //                                              zero-terminated, <= 15 bytes
 //   outside  0            the key's buffer     the buffer, zero-terminated
 //
@@ -19,7 +19,7 @@
 // its capacity: the builders take the current length from the caller as a
 // cursor (`int& pos`), derive the capacity from it, and advance it by what
 // they append. A cursor of 0 starts a new key: the key is emptied first.
-// Keeping the cursor equal to the text's length is the caller's part.
+// Keeping the cursor equal to the text's length is the caller's duty.
 //
 // Text is copied unchanged: a key cannot carry a zero byte, and a text that
 // holds 0x01 or 0x02 is not told apart from a separator. Buffers come from

@@ -579,8 +579,8 @@ TEST_F(CacheKeys, UnknownTablesGiveHeaderOnlyKeysWithOrWithoutTheHook) {
     }
 }
 
-// A value class of a type no key writes specially: its text comes from
-// get(qkString&), which it does not implement.
+// A value of a type the keys have no rule of their own for: its text comes
+// from get(qkString&), which it does not implement.
 class UnkeyedValue : public qkValue {
   public:
     UnkeyedValue() { dataType_ = SString_DEPRECATED; }
