@@ -58,6 +58,11 @@ struct qkStringRef {
     int refCount;  // 0 inside a qkString; else the number of strings sharing this block
     void* thread;  // qkMutex::id() of the thread that last (re)allocated the heap block
     char buf[32];  // the text, zero-terminated; a heap block has allocLen bytes here
+
+    // The text as a pointer: indexing `buf` itself past 32 reads, to a
+    // bounds checker, as leaving the array, though a heap block goes on.
+    char* text() { return buf; }
+    char const* text() const { return buf; }
 };
 
 class QK_EXPORT qkString {
@@ -114,8 +119,8 @@ class QK_EXPORT qkString {
     qkString& operator+=(char c) {
         // Fast path: a private text of known length with room for one more.
         if (isPrivate() && sp->reqLen >= 0 && sp->reqLen + 1 < sp->allocLen) {
-            sp->buf[sp->reqLen] = c;
-            sp->buf[++sp->reqLen] = 0;
+            sp->text()[sp->reqLen] = c;
+            sp->text()[++sp->reqLen] = 0;
             return *this;
         }
         return appendChar(c);
@@ -192,7 +197,7 @@ class QK_EXPORT qkString {
                 static_cast<unsigned>(sp->allocLen)) {
             __builtin_memmove(sp->buf + sp->reqLen, text, len);
             sp->reqLen += static_cast<int>(len);
-            sp->buf[sp->reqLen] = 0;
+            sp->text()[sp->reqLen] = 0;
             return;
         }
         append(&text, &len, 1);

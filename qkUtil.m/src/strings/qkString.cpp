@@ -125,7 +125,7 @@ void qkString::assignBytes(char const* text, unsigned n) {
         resize(n, 0);
     }
     std::memcpy(sp->buf, text, n);
-    sp->buf[n] = 0;
+    sp->text()[n] = 0;
     sp->reqLen = static_cast<int>(n);
 }
 
@@ -179,10 +179,10 @@ char* qkString::head() const {
 
 char& qkString::operator[](int i) {
     update(1);
-    return sp->buf[i];
+    return sp->text()[i];
 }
 
 char& qkString::operator[](unsigned int i) {
     update(1);
-    return sp->buf[i];
+    return sp->text()[i];
 }

@@ -71,7 +71,7 @@ void qkString::toUpper() {
     if (!sp) return;
     unsigned n = makePrivate();
     for (unsigned i = 0; i < n; ++i)
-        sp->buf[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(sp->buf[i])));
+        sp->text()[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(sp->text()[i])));
 }
 
 void qkString::reverse() {
@@ -90,7 +90,7 @@ unsigned char qkString::prepareSQL(qkString& out) const {
     unsigned char escaped = 0;
     for (unsigned i = 0; i < n; ++i) {
         // Read through sp each time: out may be this very string.
-        char c = sp->buf[i];
+        char c = sp->text()[i];
         char piece[2] = {c, 0};
         unsigned len = 1;
         if (c == '*') {
