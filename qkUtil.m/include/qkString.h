@@ -195,7 +195,7 @@ class QK_EXPORT qkString {
         if (isPrivate() && sp->reqLen >= 0 &&
             static_cast<unsigned>(sp->reqLen) + uint64_t{len} <
                 static_cast<unsigned>(sp->allocLen)) {
-            __builtin_memmove(sp->buf + sp->reqLen, text, len);
+            __builtin_memmove(sp->text() + sp->reqLen, text, len);
             sp->reqLen += static_cast<int>(len);
             sp->text()[sp->reqLen] = 0;
             return;

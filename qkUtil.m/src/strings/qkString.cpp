@@ -139,7 +139,7 @@ qkString& qkString::operator=(char const* s) {
     // already and is moved down in place (resize would cut the source); a
     // shared one stays alive with its other sharers while this string gets a
     // text of its own.
-    bool inside = onHeap() ? s >= sp->buf && s < sp->buf + sp->allocLen
+    bool inside = onHeap() ? s >= sp->buf && s < sp->text() + sp->allocLen
                            : sp && s >= static_.buf && s < static_.buf + sizeof static_.buf;
     if (inside && isPrivate()) {
         std::memmove(sp->buf, s, n + 1);

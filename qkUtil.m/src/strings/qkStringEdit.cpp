@@ -28,9 +28,9 @@ void qkString::append(char const* const* texts, unsigned const* lens, int count)
         uint64_t want = n * 3 / 2;
         resize(static_cast<unsigned>(want > kMaxText ? kMaxText : want), 1);
     }
-    char* d = sp->buf + old;
+    char* d = sp->text() + old;
     for (int i = 0; i < count; ++i) {
-        char const* src = offset[i] >= 0 ? sp->buf + offset[i] : texts[i];
+        char const* src = offset[i] >= 0 ? sp->text() + offset[i] : texts[i];
         std::memcpy(d, src, lens[i]);
         d += lens[i];
     }
