@@ -124,6 +124,45 @@ class QK_EXPORT qkMemory {
     // Restarts the high-water marks of the system and the calling thread.
     static void setSystemHighwater();
 
+    // ---- Debug mode, dumps and checkpoints ----------------------------------
+    // Debug mode: every block carries `count` slots (at least 1) of 16 bytes,
+    // a ring of its last allocation and release call sites. It changes the
+    // block layout, so it is chosen before the manager hands out its first
+    // block: once blocks exist, setDebug may only turn recording off and on
+    // again over the slots already laid out (another count is kept as it
+    // was, and turning it on without slots warns and changes nothing).
+    // Nothing without a manager.
+    static void setDebug(unsigned char on, int count);
+    static unsigned char getDebug();
+    static int getDebugHeaderCount();
+    static int getDebugHeaderSize();
+    // Hands the calling thread's superblocks to the keep pool, then writes
+    // every superblock of the keep pool and each heap's bucket-0 lists:
+    // a listing (summary 0: each block in use with its header, slots and
+    // first data bytes in hex) or, with summary and script, one debugger
+    // command "x/i <allocation site>" per block in use. path null or empty:
+    // standard output. Adds to *superblocks, sets *bytes and *blocks (any of
+    // the three may be null). 1, or 0 (and a warning) when the file cannot
+    // be opened. From then on small blocks are handed out filled with 0xAA.
+    int dump(char const* path, size_t* bytes, size_t* blocks, size_t* superblocks,
+             unsigned char summary, unsigned char script);
+    // Hands the heap `current` on: its full superblocks, and its partial ones
+    // except the oldest of each bucket unless `all`, to `target` (which takes
+    // them in on its next shortage) or to the keep pool; its reclaim lists to
+    // the keep pool; its statistics to `target` or to nothing. A target that
+    // is `current` itself changes nothing.
+    void checkpoint(MEMORY_THREAD* current, MEMORY_THREAD* target, int all);
+    // Appends the debugger-script lines of the manager's and the superblock's
+    // field offsets to the file at path.
+    static void printOffsets(char const* path);
+    // The blocks in use now (debug mode: by allocation site), grouped by site
+    // with counts and bytes, sites named by function and source line where
+    // the program's symbols tell them, largest first. Written to path (null
+    // or empty: standard output); 1, or 0 when the file cannot be opened or
+    // the manager is not in debug mode. Meant for a quiet moment (at exit,
+    // or with the other threads idle): it walks every heap.
+    int leakReport(char const* path, size_t* bytes, size_t* blocks);
+
     // ---- Warnings -----------------------------------------------------------
     // Prints "message (0xcaller:line)" through the print function (standard
     // output without one), serialised; a warning raised while one is being
@@ -190,6 +229,13 @@ class QK_EXPORT qkMemory {
     int bumpStats(MEMORY_STATS& summary, MEMORY_STATS* array, int index, long long bytes,
                   long long count, unsigned long long limit);
     void summarizeStats(MEMORY_STATS& summary, MEMORY_STATS* array);
+    // The ring step on its own: in debug mode, the caller into the block's
+    // current slot (as its allocation, or as its release, which moves the
+    // ring on).
+    void padAllocation(void* header, void* caller, unsigned char isAlloc);
+    // No guard bytes are written or checked: these do nothing.
+    void addPadding(void*, int) {}
+    void checkPadding(void*, int) {}
 
     friend struct qkMemoryInternals;
 };
@@ -220,3 +266,12 @@ QK_EXPORT_C MEMORY_THREAD* qkMemoryThread();
 // with 16, getCaller's return address, an address inside its caller. Larger
 // offsets reach further up the caller's stack, one word per 8.
 QK_EXPORT_C void* getCaller(int offset);
+// qkMemory::dump of the manager; 0 without one.
+QK_EXPORT_C int qkMemoryDump(char const* path, size_t* bytes, size_t* blocks, size_t* superblocks,
+                             unsigned char summary, unsigned char script);
+// qkMemory::checkpoint of the calling thread's heap; nothing without a manager.
+QK_EXPORT_C void qkMemoryCheckpoint(MEMORY_THREAD* target, int all);
+// qkMemory::leakReport of the manager; 0 without one. Setting
+// QK_MEMORY_REPORT=path before the manager goes into debug mode writes the
+// report to path when the process exits.
+QK_EXPORT_C int qkMemoryLeakReport(char const* path);

@@ -15,8 +15,9 @@ void* qkMemory::allocMemory(size_t size, char const* caller, int line) {
 }
 
 // Fill and debug work for a block just handed out.
-QK_NOINLINE void* qkMemoryInternals::finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER*,
-                                                 void* data, char const*) {
+QK_NOINLINE void* qkMemoryInternals::finishBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb,
+                                                 MEMORY_HEADER* h, void* data, char const* caller) {
+    if (m->debug) debugStep(m, h, caller, true);
     unsigned char fill = loadRelaxed(m->fill);
     if (fill) std::memset(data, fill, static_cast<size_t>(sb->blockSize));
     return data;
@@ -200,5 +201,11 @@ QK_NOINLINE void* qkMemoryInternals::allocLarge(qkMemory* m, MEMORY_THREAD* mt, 
     h->size = size;
     h->tag = TAG_LARGE_USED;
     h->slot = 0;
+    if (m->debugHeaderCount) {
+        // Slot 0 holds the allocation site, the others start empty.
+        std::memset(h + 1, 0, static_cast<size_t>(m->debugHeaderSize));
+        if (m->debug) debugStep(m, h, caller, true);
+        registerLarge(h);
+    }
     return dataOf(m, h);
 }

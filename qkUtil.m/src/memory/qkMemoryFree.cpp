@@ -86,6 +86,8 @@ QK_NOINLINE void qkMemoryInternals::freeOther(qkMemory* m, MEMORY_THREAD* mt, ME
                                               uint32_t tag, void* p, char const* caller, int line) {
     if (tag == TAG_LARGE_USED) {
         long long size = static_cast<long long>(h->size);
+        if (m->debug) debugStep(m, h, caller, false);
+        if (m->debugHeaderCount) unregisterLarge(h);
         h->tag = TAG_RELEASED;
         qk::platform::rawFree(h);
         chargeLarge(m, mt, -size, -1, caller, line);
@@ -111,10 +113,18 @@ static void* growLarge(qkMemory* m, MEMORY_THREAD* mt, MEMORY_HEADER* h, size_t 
                        Contract contract, char const* caller, int line) {
     if (!qkMemoryInternals::largeFits(m, size)) return nullptr;
     size_t had = h->size;
+    // The registry holds the header's address, which the C runtime may move.
+    bool listed = m->debugHeaderCount != 0;
+    if (listed) qkMemoryInternals::unregisterLarge(h);
     MEMORY_HEADER* moved = static_cast<MEMORY_HEADER*>(
         sysRealloc(h, size + static_cast<size_t>(qkMemoryInternals::overheadOf(m))));
-    if (!moved) return resizeRefused(m, size, contract, caller, line);
+    if (!moved) {
+        if (listed) qkMemoryInternals::registerLarge(h);
+        return resizeRefused(m, size, contract, caller, line);
+    }
     moved->size = size;  // the tag came along with the header
+    if (listed) qkMemoryInternals::registerLarge(moved);
+    if (m->debug) qkMemoryInternals::debugStep(m, moved, caller, true);
     qkMemoryInternals::chargeLarge(m, mt, static_cast<long long>(size - had), 0, caller, line);
     return qkMemoryInternals::dataOf(m, moved);
 }

@@ -409,6 +409,30 @@ struct QK_EXPORT qkMemoryInternals {
         return allocSmall<kContract>(m, mt, size, caller, line);
     }
 
+    // ---- Debug mode (qkMemoryDebug.cpp) ---------------------------------------
+    // The ring step: the caller into the block's current slot as its
+    // allocation, or as its release, which moves the ring on. A slot outside
+    // the ring (a layout without slots) is left alone.
+    static void debugStep(qkMemory* m, MEMORY_HEADER* h, char const* caller, bool isAlloc) {
+        int count = m->debugHeaderCount;
+        if (h->slot < 0 || h->slot >= count) return;
+        void** slot = reinterpret_cast<void**>(h + 1) + 2 * h->slot;
+        if (isAlloc) {
+            slot[0] = const_cast<char*>(caller);
+        } else {
+            slot[1] = const_cast<char*>(caller);
+            h->slot = (h->slot + 1) % count;
+        }
+    }
+    // Debug mode keeps the large blocks in a registry, so that a leak report
+    // finds them (the manager keeps no list of them otherwise).
+    static void registerLarge(MEMORY_HEADER* h);
+    static void unregisterLarge(MEMORY_HEADER* h);
+    // Calls f(header) for every registered large block, under the registry's lock.
+    static void forEachLarge(void (*f)(MEMORY_HEADER*, void*), void* context);
+    // With QK_MEMORY_REPORT set, writes the leak report there at exit (once).
+    static void armReportAtExit();
+
     // The superblock of a `link` or `reclaim` node; null for a list head.
     QK_ALWAYS_INLINE static MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
         return static_cast<MEMORY_SUPERBLOCK*>(node->ref());
@@ -437,6 +461,7 @@ struct QK_EXPORT qkMemoryInternals {
         if (QK_LIKELY(tag == qk::memory::TAG_SMALL_USED)) {
             MEMORY_SUPERBLOCK* sb = h->owner;
             h->tag = qk::memory::TAG_SMALL_FREE;
+            if (QK_UNLIKELY(m->debug)) debugStep(m, h, caller, false);
             qk::memory::poison(p, sb->blockSize);
             if (QK_LIKELY(sb->thread.load(std::memory_order_relaxed) == mt)) {
                 MEMORY_HEADER* head = sb->free;

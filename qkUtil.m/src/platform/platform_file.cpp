@@ -52,6 +52,14 @@ int fileUnlink(char const* path) {
     return ::unlink(path);
 }
 
+FILE* duplicateStdout() {
+    int fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    FILE* f = ::fdopen(fd, "w");
+    if (!f) ::close(fd);
+    return f;
+}
+
 char const* tempDirectory() {
     char const* dir = ::getenv("TMPDIR");
     return dir && *dir ? dir : "/tmp";

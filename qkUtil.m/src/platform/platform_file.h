@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 
 #include "qkExport.h"
 
@@ -41,6 +42,9 @@ QK_EXPORT long fileWrite(int fd, void const* buf, size_t size);
 QK_EXPORT int fileClose(int fd);
 // Removes a name from the file system.
 QK_EXPORT int fileUnlink(char const* path);
+// A stream of its own for writing on a duplicate of standard output (so
+// that closing it leaves standard output open); null on failure.
+QK_EXPORT FILE* duplicateStdout();
 
 // The directory for temporary files: $TMPDIR when set and not empty, else
 // "/tmp". The text stays valid until the environment changes.
