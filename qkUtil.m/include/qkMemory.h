@@ -146,11 +146,13 @@ class QK_EXPORT qkMemory {
     // be opened. From then on small blocks are handed out filled with 0xAA.
     int dump(char const* path, size_t* bytes, size_t* blocks, size_t* superblocks,
              unsigned char summary, unsigned char script);
-    // Hands the heap `current` on: its full superblocks, and its partial ones
-    // except the oldest of each bucket unless `all`, to `target` (which takes
-    // them in on its next shortage) or to the keep pool; its reclaim lists to
-    // the keep pool; its statistics to `target` or to nothing. A target that
-    // is `current` itself changes nothing.
+    // Hands the heap `current` on: its full superblocks (with a target or
+    // `all`), and its partial ones except the oldest of each bucket unless
+    // `all`, to `target` (which takes them in on its next shortage) or to the
+    // keep pool; its reclaim lists to the keep pool. The statistics follow
+    // each superblock, so a superblock that stays keeps its charge; the
+    // large blocks' charge goes to a target. A target that is `current`
+    // itself changes nothing.
     void checkpoint(MEMORY_THREAD* current, MEMORY_THREAD* target, int all);
     // Appends the debugger-script lines of the manager's and the superblock's
     // field offsets to the file at path.

@@ -6,13 +6,6 @@ using namespace qk::memory;
 
 namespace {
 
-// Other threads read a heap's statistics without a lock.
-void zeroStats(MEMORY_STATS& s) {
-    storeRelaxed(s.count, 0LL);
-    storeRelaxed(s.bytes, 0LL);
-    storeRelaxed(s.highwater, 0LL);
-}
-
 // Moves `sb` (bucket b, held under allocLock[b] by the caller) from `current`
 // to `target`, which takes it in through its reclaim list; true when the
 // charge crossed the thread limit.
@@ -72,16 +65,19 @@ void qkMemory::checkpoint(MEMORY_THREAD* current, MEMORY_THREAD* target, int all
         }
         allocLock[b]->unlock();
     }
+    // The statistics follow what moved, superblock by superblock, so that a
+    // heap's counts always match its lists (a superblock that stays keeps
+    // its charge). The large blocks go with the heap to a target; without
+    // one they stay charged here, where their releases will be counted.
     if (target) {
         allocLock[kLargeIndex]->lock();
         MEMORY_STATS large = loadStats(&current->stats[kLargeIndex]);
         crossed |= bumpStats(target->summaryStats, target->stats, kLargeIndex, large.bytes,
                              large.count, loadRelaxed(_threadLimit)) != 0;
+        bumpStats(current->summaryStats, current->stats, kLargeIndex, -large.bytes, -large.count,
+                  0);
         allocLock[kLargeIndex]->unlock();
     }
-    for (MEMORY_STATS& s : current->stats)
-        zeroStats(s);
-    zeroStats(current->summaryStats);
     if (crossed) warn("thread memory limit exceeded", kManagerFile, 478);
 }
 
