@@ -315,3 +315,56 @@ TEST(MemoryDebug, LeakReportGroupsBlocksBySite) {
 }
 
 }  // namespace
+
+// ---- the debugger -------------------------------------------------------------------
+
+namespace {
+
+std::string run(std::string const& command) {
+    std::string out;
+    if (FILE* p = popen((command + " 2>&1").c_str(), "r")) {
+        char buf[4096];
+        while (size_t n = std::fread(buf, 1, sizeof buf, p))
+            out.append(buf, n);
+        pclose(p);
+    }
+    return out;
+}
+
+// The dump's commands and the offset lines, sourced into gdb against the
+// live process that wrote them: each "x/i" shows the allocation site's
+// instruction, and the offsets read the manager's fields.
+TEST(MemoryDebugTools, GdbReadsTheDumpCommandsAndTheOffsets) {
+    if (run("command -v gdb").empty()) GTEST_SKIP() << "gdb is not installed";
+    std::string script = testing::TempDir() + "qk_gdb_dump.gdb";
+    std::string offsets = testing::TempDir() + "qk_gdb_offsets.gdb";
+    std::remove(offsets.c_str());
+    std::string out = run("gdb -batch -nx -ex run -ex 'source " + script + "' -ex 'source " +
+                          offsets + "' -ex 'print $qkMemory_debugHeaderSize' -ex " +
+                          "'print *(int*)((char*)qkMemory::_This + $qkMemory_debugHeaderSize)' " +
+                          "--args " + QK_GDB_TARGET + " " + script + " " + offsets);
+    EXPECT_NE(out.find("SIGTRAP"), std::string::npos) << out;
+    EXPECT_NE(out.find("gdbSiteOne"), std::string::npos) << out;
+    EXPECT_NE(out.find("$1 = "), std::string::npos) << out;
+    EXPECT_NE(out.find("$2 = 32"), std::string::npos) << out;  // two slots of 16 bytes
+    std::remove(script.c_str());
+    std::remove(offsets.c_str());
+}
+
+TEST(MemoryDebugTools, ReportAtExitNamesTheLeakingFunction) {
+    std::string report = testing::TempDir() + "qk_exit_report.txt";
+    std::string dir = testing::TempDir();
+    std::remove(report.c_str());
+    std::string out = run("QK_NO_TRAP=1 QK_MEMORY_REPORT=" + report + " " + QK_GDB_TARGET + " " +
+                          dir + "qk_unused.gdb " + dir + "qk_unused_offsets.gdb");
+    std::string text = readAll(report);
+    std::regex line(R"(\s+4\s+\d+  gdbSiteOne\(unsigned int\) \(.*qkMemoryGdbTarget\.cpp:\d+\))");
+    bool found = false;
+    std::istringstream lines(text);
+    for (std::string l; std::getline(lines, l);)
+        found |= std::regex_match(l, line);
+    EXPECT_TRUE(found) << text << out;
+    std::remove(report.c_str());
+}
+
+}  // namespace
