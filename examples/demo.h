@@ -10,4 +10,5 @@ void demoQueries();
 void demoKeys();
 void demoRowSets();
 void demoMemory();
+void demoMemoryDebug();
 void demoTagdb();

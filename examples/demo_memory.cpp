@@ -74,6 +74,8 @@ void burst(int worker, Mailbox& mail, MEMORY_STATS& mine) {
 // warnings through the host's print function.
 void hostStartup() {
     qkMemory::setPassthru(0, limitHandler);
+    // Debug mode comes before the first allocation: it changes the layout.
+    qkMemory::setDebug(1, 2);
     qkMemory::setPrintFunction(printWarning);
 }
 

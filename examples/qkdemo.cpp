@@ -15,6 +15,7 @@ int main() {
     demoKeys();
     demoRowSets();
     demoMemory();
+    demoMemoryDebug();
     demoTagdb();
     std::printf("\ndone.\n");
     return 0;
