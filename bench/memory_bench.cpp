@@ -227,6 +227,9 @@ BENCHMARK(Control)->Threads(1)->Threads(2)->UseRealTime();
 int main(int argc, char** argv) {
 #ifdef QK_DIRECT
     qkMemory::setPassthru(0, nullptr);
+#ifdef QK_DEBUG_SLOTS
+    qkMemory::setDebug(1, QK_DEBUG_SLOTS);  // before the first allocation
+#endif
 #endif
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
