@@ -138,7 +138,8 @@ int boundaryInt(std::mt19937& rng) {
     static int const edges[] = {0,         1,       15, 16,  255, 256,  65535, 65536,  0xffffff,
                                 0x1000000, INT_MAX, -1, -15, -16, -255, -256,  -65536, INT_MIN};
     int e = edges[rng() % 18];
-    return rng() % 2 ? e : e + int(rng() % 3) - 1;
+    // A neighbour of the edge, wrapping at the ends of the range.
+    return rng() % 2 ? e : static_cast<int>(static_cast<uint32_t>(e) + rng() % 3 - 1);
 }
 
 size_t boundaryLength(std::mt19937& rng) {
