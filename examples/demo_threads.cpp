@@ -1,12 +1,16 @@
 // Threads: workers started with qkThread::create, at most two at a time
 // inside the work section (a qkSemaphore), writing to a shared journal under
-// a qkMutex; the host waits for all of them and then sees them ended.
+// a qkMutex; the host waits for all of them and then sees them ended. Then
+// the global locks: taken highest number first they are silent, the other
+// way round the library warns; a hash mutex guards an object that has no
+// mutex of its own; a qkTimer measures the whole section.
 #include <chrono>
 #include <cstdio>
 #include <thread>
 
 #include "demo.h"
 #include "qkThread.h"
+#include "qkTimer.h"
 
 namespace {
 
@@ -46,9 +50,33 @@ int workerMain(void* arg) {
     return 0;
 }
 
+// The warnings come through the host's print function (see hostStartup).
+void showLockOrder() {
+    qkThread::getLockList();  // a host makes the lists at start-up
+    {
+        qkThread seven(qkThread::Lock7);
+        qkThread three(qkThread::Lock3);
+        std::printf("  took lock 7, then lock 3: in order, no warning (highest held: %d)\n",
+                    qkThread::getMaxLockHeld());
+    }
+    {
+        qkThread three(qkThread::Lock3);
+        std::printf("  took lock 3, now taking lock 7:\n");
+        qkThread seven(qkThread::Lock7);
+    }
+    static int counter = 0;  // no mutex of its own: its hash mutex guards it
+    qkMutex* guard = qkThread::hashMutex(&counter);
+    guard->lock();
+    counter += 1;
+    guard->unlock();
+    std::printf("  counter guarded by hash mutex %d of %d: %d\n",
+                static_cast<int>(guard - qkThread::getHashList()), qkThread::kHashCount, counter);
+}
+
 }  // namespace
 
 void demoThreads() {
+    qkTimer timer;
     std::printf("\n== Threads: qkThread::create, qkSemaphore, qkMutex ==\n");
     static Shared shared;
     static Worker workers[kWorkers];
@@ -77,4 +105,10 @@ void demoThreads() {
         if (ended < kWorkers) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     std::printf("  %d of %d worker threads seen ended\n", ended, kWorkers);
+
+    std::printf("\n== Threads: the global locks of qkThread, hash mutexes, qkTimer ==\n");
+    showLockOrder();
+    double micros = 0;
+    timer.getElapse(micros);
+    std::printf("  the threads section took %.0f microseconds\n", micros);
 }

@@ -12,6 +12,14 @@
 //   keeps returning 0.
 // - qkThread offers thread-local keys, binding a state to the calling thread,
 //   thread creation and the calling thread's id.
+// - qkThread also holds the twelve process-wide locks, numbered 0 to 11 and
+//   meant to be taken highest number first: a thread that takes one while it
+//   holds a lower-numbered one is warned (through qkMemory::warn) once per
+//   lower lock held, unless the environment variable "SYNC_NO_LOCK_WARNING"
+//   is set; the lock is taken all the same. A qkThread object holds one of
+//   them for its life. Beside them stand 53 hash mutexes picked by address.
+//   All of them are recursive qkMutexes; both lists are made on first use,
+//   safely from any number of threads, and live until the process ends.
 //
 // Neither qkMutex nor qkSemaphore can be copied: each owns an operating-system
 // object that a copy could only share or duplicate behind the owner's back.
@@ -108,6 +116,64 @@ class QK_EXPORT qkThreadState {
 
 class QK_EXPORT qkThread {
   public:
+    // The lock numbers; the library gives a number no meaning beyond its
+    // place in the order. NoLock marks a scoped object that holds nothing.
+    enum qkLock {
+        Lock0,
+        Lock1,
+        Lock2,
+        Lock3,
+        Lock4,
+        Lock5,
+        Lock6,
+        Lock7,
+        Lock8,
+        Lock9,
+        Lock10,
+        Lock11,
+        NoLock
+    };
+    static constexpr int kLockCount = 12;
+    static constexpr int kHashCount = 53;
+
+    // ---- The global locks ----------------------------------------------
+    // Takes lock n (recursively), after warning about every lower lock that
+    // the calling thread holds. Numbers outside 0..11 are ignored.
+    static void lock(qkLock n) QK_NO_THREAD_SAFETY_ANALYSIS;
+    // Undoes one lock(n) of the calling thread, which must hold n.
+    static void unlock(qkLock n) QK_NO_THREAD_SAFETY_ANALYSIS;
+    // Takes all twelve, from 11 down to 0, without warnings.
+    static void lockAll() QK_NO_THREAD_SAFETY_ANALYSIS;
+    // Releases, at every recursion level, each lock the calling thread
+    // holds. 1 when it held at least one, else 0.
+    static unsigned char unlockAll() QK_NO_THREAD_SAFETY_ANALYSIS;
+    // The highest lock number the calling thread holds, -1 for none.
+    static int getMaxLockHeld();
+    // The lock list (12 mutexes), made on first use.
+    static qkMutex* getLockList();
+    // Uses `list`, an array of 12 mutexes that the caller keeps alive, from
+    // now on. A host that shares one list between modules calls this before
+    // any lock is taken; the library then never makes a list of its own.
+    static void setLockList(qkMutex* list);
+    // The hash list (53 mutexes); null until some call has made it.
+    static qkMutex* getHashList();
+    // The hash mutex of address p: number p modulo 53.
+    static qkMutex* hashMutex(void* p);
+
+    // ---- Scoped lock -----------------------------------------------------
+    // Holds lock n until the object dies.
+    explicit qkThread(qkLock n);
+    // Holds lock n when doLock is non-zero, else holds nothing.
+    qkThread(qkLock n, unsigned char doLock);
+    ~qkThread();
+    // A copy would release the lock twice.
+    qkThread(qkThread const&) = delete;
+    // Copies the lock number only: the object then releases that lock when
+    // it dies, so the caller must have taken it once more for it. Whatever
+    // it held before is not released.
+    qkThread& operator=(qkThread const&) = default;
+
+    // ---- Thread services -------------------------------------------------
     // A new thread-local key; -1 when every key is taken.
     static int createInfoKey();
     // The calling thread's state under `key` (-1: the default key, made on
@@ -133,4 +199,18 @@ class QK_EXPORT qkThread {
     static void* id();
 
     static int _defaultInfoKey;  // -1 until made
+
+  private:
+    // Makes whichever of the two lists is still missing.
+    static void init();
+    // The lock list, made when missing.
+    static qkMutex* locks();
+    static void warn(char const* message);
+
+    // Both pointers are read and written through atomic references: threads
+    // may race for the first use.
+    static qkMutex* _locks;
+    static qkMutex* _hash;
+
+    qkLock _lock;  // the lock held, NoLock for none
 };
