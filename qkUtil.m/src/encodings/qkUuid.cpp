@@ -30,7 +30,16 @@ uint32_t getBigEndian(unsigned char const* at) {
     return uint32_t(at[0]) << 24 | uint32_t(at[1]) << 16 | uint32_t(at[2]) << 8 | at[3];
 }
 
-constexpr char kHex[] = "0123456789ABCDEF";
+// The n bytes as 2n upper-case hexadecimal digits in `out` (2n + 1 bytes).
+char const* upperHex(unsigned char const* bytes, int n, char* out) {
+    constexpr char kHex[] = "0123456789ABCDEF";
+    for (int i = 0; i < n; ++i) {
+        out[2 * i] = kHex[bytes[i] >> 4];
+        out[2 * i + 1] = kHex[bytes[i] & 15];
+    }
+    out[2 * n] = 0;
+    return out;
+}
 
 }  // namespace
 
@@ -87,22 +96,12 @@ void qkUuid::set(unsigned char const* in) {
 
 void qkUuid::get(qkString& s) const {
     char text[33];
-    for (int i = 0; i < 16; ++i) {
-        text[2 * i] = kHex[bytes_[i] >> 4];
-        text[2 * i + 1] = kHex[bytes_[i] & 15];
-    }
-    text[32] = 0;
-    s = text;
+    s = upperHex(bytes_, 16, text);
 }
 
 void qkUuid::getHexDec(qkString& hex, int& n) const {
     char text[25];
-    for (int i = 0; i < 12; ++i) {
-        text[2 * i] = kHex[bytes_[i] >> 4];
-        text[2 * i + 1] = kHex[bytes_[i] & 15];
-    }
-    text[24] = 0;
-    hex = text;
+    hex = upperHex(bytes_, 12, text);
     n = static_cast<int>(getBigEndian(bytes_ + 12));
 }
 

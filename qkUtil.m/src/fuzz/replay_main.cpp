@@ -1,7 +1,8 @@
 // Runs a fuzz target without libFuzzer: feeds it every file of the
-// directories (or the files) named on the command line, in name order. An
-// empty list of inputs is an error, so that a test over a missing directory
-// cannot pass.
+// directories (or the files) named on the command line, in name order,
+// after the target's own start-up when it has one. A broken property ends
+// the process; an empty list of inputs is an error, so that a test over a
+// missing directory cannot pass. Shared by every fuzz target of the tree.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +14,9 @@
 #include "FuzzCheck.h"
 
 namespace fs = std::filesystem;
+
+// The start-up a target may define; null when it defines none.
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 int main(int argc, char** argv) {
     std::vector<fs::path> inputs;
@@ -29,6 +33,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "no inputs\n");
         return 1;
     }
+    if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
     for (fs::path const& p : inputs) {
         std::ifstream in(p, std::ios::binary);
         std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),

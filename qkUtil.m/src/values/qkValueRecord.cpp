@@ -64,25 +64,6 @@ void takeRecordFlags(qkValue* v, uint8_t stored) {
     v->setFlag(stored & ~(qkValue::Federate | qkValue::NullValue), true);
 }
 
-qkValue* newOfType(int type, int column) {
-    switch (type) {
-        case qkValue::Boolean:
-            return new qkBooleanValue(column);
-        case qkValue::Int:
-            return new qkIntValue(column);
-        case qkValue::Double:
-            return new qkDoubleValue(column);
-        case qkValue::Date:
-            return new qkDateValue(column);
-        case qkValue::String:
-            return new qkStringValue(column);
-        case qkValue::Raw:
-            return new qkRawValue(column);
-        default:
-            return nullptr;
-    }
-}
-
 }  // namespace
 
 void qkValue::writeObject(char*& buf, int& pos, int& capacity) {
@@ -146,7 +127,7 @@ qkValue* readRecord(char const* buf, int& pos, long long length, int column) {
     if (type == qkValue::Double || type == qkValue::Date) {
         int content = type == qkValue::Double ? kDoubleBytes : kDateBytes;
         if (!fits(at, content)) return nullptr;
-        qkValue* v = newOfType(type, column);
+        qkValue* v = qkValue::newValue(column, static_cast<qkValue::qkDataType>(type), nullptr);
         if (type == qkValue::Double) {
             std::memcpy(v->pointer(), b + at, kDoubleBytes);
         } else {
@@ -175,7 +156,7 @@ qkValue* readRecord(char const* buf, int& pos, long long length, int column) {
         number = 0;
     }
     if (text && !fits(at, number)) return nullptr;
-    qkValue* v = newOfType(type, column);
+    qkValue* v = qkValue::newValue(column, static_cast<qkValue::qkDataType>(type), nullptr);
     takeRecordFlags(v, flags);
     if (text) {
         char* content = static_cast<char*>(v->prepare(number));
