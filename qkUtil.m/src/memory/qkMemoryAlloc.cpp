@@ -33,7 +33,7 @@ QK_NOINLINE void* qkMemoryInternals::allocFirst(qkMemory* m, size_t size, char c
 // While buckets are still being tuned, every small request is counted first.
 QK_NOINLINE void* qkMemoryInternals::allocCounted(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                                   char const* caller, int line) {
-    countRequest(m, size);
+    countRequest(m, mt, size);
     return allocSmall(m, mt, size, caller, line);
 }
 

@@ -49,7 +49,7 @@ QK_NOINLINE void* qkMemoryInternals::allocFirstC(qkMemory* m, size_t size, char 
 // Counting takes no memory; the request goes on to the C contract's small path.
 QK_NOINLINE void* qkMemoryInternals::allocCountedC(qkMemory* m, MEMORY_THREAD* mt, size_t size,
                                                    char const* caller, int line) {
-    countRequest(m, size);
+    countRequest(m, mt, size);
     return allocSmall<Contract::c>(m, mt, size, caller, line);
 }
 

@@ -131,6 +131,25 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<void*>::is_al
 // A thread's heap record: taken from the C runtime, reached through the
 // manager's thread-local key, linked into the manager's `threads` list. It
 // outlives its thread until another thread adopts or dismantles it.
+//
+// The tuning counts of a heap that does not own the shared counts. Two
+// threads that both wrote `countBySize` and `allocCount` on every small
+// request would pass those cache lines back and forth on every request. So
+// one heap at a time (FastState::countOwner) writes them directly, exactly as
+// documented; any other counts its requests here and folds them into the
+// shared counts every kFoldEvery requests, taking the ownership over at that
+// moment. A heap that is not the owner but finds the shared count unchanged
+// since its previous request (the owner has stopped counting) takes the
+// ownership over at once, so a thread that counts alone is exact: it sees
+// every tuning at the documented count and reads exact shared counts.
+struct TuningCounts {
+    static constexpr int kFoldEvery = 4096;
+    int pending = 0;  // requests counted here and not yet folded in
+    int budget = 0;   // fold when `pending` reaches this
+    int seen = -1;    // the shared allocCount after this heap's last direct count
+    int bySize[qk::memory::kSmallLimit + 1] = {};
+};
+
 class qkMemoryThreadRecord : public qkThreadState {
   public:
     qkMemoryThreadRecord();
@@ -140,6 +159,7 @@ class qkMemoryThreadRecord : public qkThreadState {
 
     LinkedList node;
     MEMORY_THREAD heap;
+    TuningCounts counts;
 };
 
 // ---- Relaxed and atomic access to fields declared plain in the interface ----
@@ -173,6 +193,9 @@ struct alignas(64) FastState {
     qkMemory* manager;  // qkMemory::_This, published together with it
     int infoKey;        // the manager's infoKey
     int tuning;         // non-zero while buckets < 24 (requests are counted)
+    // The heap that writes the shared tuning counts directly; the others
+    // count on their own (see TuningCounts). Written once per hand-over.
+    MEMORY_THREAD* countOwner;
 };
 extern FastState fast __attribute__((visibility("hidden")));
 
@@ -361,11 +384,28 @@ struct QK_EXPORT qkMemoryInternals {
         storeRelaxed(m->allocCount, count);
         if (QK_UNLIKELY(count > loadRelaxed(m->allocLimit))) tuneLocked(m);
     }
+    // The same for a request of heap `mt`: directly while `mt` owns the shared
+    // counts, else through its own counts (TuningCounts, qkMemoryCounts.cpp).
+    static void countRequest(qkMemory* m, MEMORY_THREAD* mt, size_t size) {
+        if (QK_LIKELY(qk::memory::loadRelaxed(qk::memory::fast.countOwner) == mt)) {
+            return countRequest(m, size);
+        }
+        countApart(m, mt, size);
+    }
+    static void countApart(qkMemory* m, MEMORY_THREAD* mt, size_t size);
+    // Folds the heap's own counts into the shared ones (the locked tuning
+    // step follows when they pass the limit) and makes it the owner.
+    static void foldCounts(qkMemory* m, MEMORY_THREAD* mt);
 
     // Hands out the first free block of `sb`, owned by the calling thread.
     QK_ALWAYS_INLINE static void* takeBlock(qkMemory* m, MEMORY_SUPERBLOCK* sb, MEMORY_HEADER* h,
                                             char const* caller) {
-        sb->free = h->next;
+        MEMORY_HEADER* next = h->next;
+        sb->free = next;
+        // The next request of this bucket takes `next`: start loading its
+        // header now. Blocks freed in random order, or by another core, make
+        // it a cache miss that would otherwise stall that request.
+        __builtin_prefetch(next, 1);
         sb->allocCount += 1;
         h->tag = qk::memory::TAG_SMALL_USED;
         h->owner = sb;

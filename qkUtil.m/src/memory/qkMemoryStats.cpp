@@ -19,7 +19,7 @@ void (*qkMemory::_memoryErrorHandler)(qkMemoryErrorId) = nullptr;
 unsigned long long qkMemory::_pageSize = 0;
 
 namespace qk::memory {
-FastState fast = {nullptr, -1, 0};
+FastState fast = {nullptr, -1, 0, nullptr};
 }
 
 // Stands in for every summary while no manager exists.
