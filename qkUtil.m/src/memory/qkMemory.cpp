@@ -7,6 +7,11 @@
 
 using namespace qk::memory;
 
+namespace {
+struct alignas(64) PaddedMutex : qkMutex {};
+static_assert(sizeof(PaddedMutex) % 64 == 0);
+}  // namespace
+
 int allocStackOffset = 0;
 int freeStackOffset = 0;
 
@@ -22,11 +27,13 @@ qkMemory::qkMemory() {
     _pageSize = kDefaultPageSize;
     infoKey = qkThread::createInfoKey();
     reserve = sysMalloc(kReserveSize);
-    // No manager is published yet, so these come from the C runtime.
-    printLock = new qkMutex;
-    threadLock = new qkMutex;
+    // No manager is published yet, so these come from the C runtime. Each
+    // lock has cache lines of its own: threads working on different buckets
+    // would otherwise write each other's lines.
+    printLock = new PaddedMutex;
+    threadLock = new PaddedMutex;
     for (qkMutex*& lock : allocLock)
-        lock = new qkMutex;
+        lock = new PaddedMutex;
     summarySystemStats = summaryKeepStats = MEMORY_STATS{};
     for (int i = 0; i <= kLargeIndex; ++i)
         systemStats[i] = keepStats[i] = MEMORY_STATS{};
