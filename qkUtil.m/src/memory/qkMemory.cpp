@@ -26,6 +26,7 @@ qkMemory::qkMemory() {
     // `threads` and `keep` are empty rings from their constructors.
     _pageSize = kDefaultPageSize;
     infoKey = qkThread::createInfoKey();
+    qk::platform::rawConfigure();
     reserve = sysMalloc(kReserveSize);
     // No manager is published yet, so these come from the C runtime. Each
     // lock has cache lines of its own: threads working on different buckets

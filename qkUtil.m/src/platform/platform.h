@@ -31,6 +31,9 @@ QK_EXPORT void* rawAlloc(size_t size);
 QK_EXPORT void* rawCalloc(size_t count, size_t size);
 QK_EXPORT void* rawRealloc(void* p, size_t size);
 QK_EXPORT void rawFree(void* p);
+// Sets the raw heap up for the large blocks the memory manager keeps there
+// (see platform_heap.cpp); once, when the manager is made.
+QK_EXPORT void rawConfigure();
 // A copy of `s` from the raw heap; null when out of memory.
 QK_EXPORT char* rawStrdup(char const* s);
 
