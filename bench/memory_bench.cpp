@@ -215,6 +215,29 @@ void warmUp() {
     }
 }
 
+// The spare array of the larson workload, released like everything else.
+void releaseShared() {
+    if (auto* last = shared.exchange(nullptr)) {
+        for (void* p : *last)
+            release(p);
+        delete last;
+    }
+}
+
+// Before main: the manager made (direct build) and every allocator brought
+// to its steady state.
+bool const ready = [] {
+#ifdef QK_DIRECT
+    qkMemory::setPassthru(0, nullptr);
+#ifdef QK_DEBUG_SLOTS
+    qkMemory::setDebug(1, QK_DEBUG_SLOTS);  // before the first allocation
+#endif
+#endif
+    warmUp();
+    std::atexit(releaseShared);
+    return true;
+}();
+
 }  // namespace
 
 BENCHMARK(Pairs);
@@ -224,23 +247,4 @@ BENCHMARK(Larson)->Threads(2)->UseRealTime();
 BENCHMARK(Large);
 BENCHMARK(Control)->Threads(1)->Threads(2)->UseRealTime();
 
-int main(int argc, char** argv) {
-#ifdef QK_DIRECT
-    qkMemory::setPassthru(0, nullptr);
-#ifdef QK_DEBUG_SLOTS
-    qkMemory::setDebug(1, QK_DEBUG_SLOTS);  // before the first allocation
-#endif
-#endif
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    warmUp();
-    benchmark::RunSpecifiedBenchmarks();
-    // The spare array of the larson workload: release it like everything else.
-    if (auto* last = shared.exchange(nullptr)) {
-        for (void* p : *last)
-            release(p);
-        delete last;
-    }
-    benchmark::Shutdown();
-    return 0;
-}
+BENCHMARK_MAIN();

@@ -423,8 +423,12 @@ struct QK_EXPORT qkMemoryInternals {
                                              char const* caller, int line) {
         constexpr bool c = kContract == qk::memory::Contract::c;
         int b = std::atomic_ref<signed char>(m->bucketNumber[size]).load(std::memory_order_acquire);
-        MEMORY_SUPERBLOCK* sb = superblockOf(mt->partial[b].next());
-        if (QK_LIKELY(sb != nullptr)) {
+        LinkedList* head = &mt->partial[b];
+        LinkedList* first = head->next();
+        if (QK_LIKELY(first != head)) {
+            // The superblock around its link node: no load of the node's ref
+            // on the way to the free list.
+            MEMORY_SUPERBLOCK* sb = linkOwner(first);
             MEMORY_HEADER* h = sb->free;
             if (QK_LIKELY(h != nullptr)) return takeBlock(m, sb, h, caller);
         }
@@ -473,6 +477,11 @@ struct QK_EXPORT qkMemoryInternals {
     // With QK_MEMORY_REPORT set, writes the leak report there at exit (once).
     static void armReportAtExit();
 
+    // The superblock whose `link` node this is (not a list head).
+    QK_ALWAYS_INLINE static MEMORY_SUPERBLOCK* linkOwner(LinkedList* node) {
+        return reinterpret_cast<MEMORY_SUPERBLOCK*>(reinterpret_cast<char*>(node) -
+                                                    offsetof(MEMORY_SUPERBLOCK, link));
+    }
     // The superblock of a `link` or `reclaim` node; null for a list head.
     QK_ALWAYS_INLINE static MEMORY_SUPERBLOCK* superblockOf(LinkedList* node) {
         return static_cast<MEMORY_SUPERBLOCK*>(node->ref());
