@@ -32,8 +32,9 @@ class QK_EXPORT TagdbCommon {
     // Any non-zero value counts as true.
     enum Boolean { False = 0, True = 1 };
     enum FileMode {
-        ReadMode = 0,   // open an existing file for reading
-        WriteMode = 1,  // create or truncate, then write
+        ReadMode = 0,    // open an existing file for reading
+        WriteMode = 1,   // create or truncate, then write
+        CreateMode = 2,  // create a file that must not exist yet (fails when it does), then write
     };
     enum TransMode { Update = 0, Deferred = 1, Recreate = 2 };
 

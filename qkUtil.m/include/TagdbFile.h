@@ -20,6 +20,9 @@
 // written when it is closed, rather than emptied when it is opened: a file
 // rewritten in place (the store's version file) then holds its old content
 // or its new one, never nothing, whenever the writing process dies.
+// CreateMode writes as WriteMode does, but only into a file it creates: when
+// the path exists already the open fails and the file stays as it is (the
+// check and the creation are one step of the file system).
 // System calls interrupted by a signal (EINTR) are retried up to 100 times in
 // open, close, read, write and remove; remove also retries EBUSY.
 //

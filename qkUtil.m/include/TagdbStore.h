@@ -9,11 +9,14 @@
 //   N-x-V      node index of version V: int64 node count, then one int32
 //              version per node id (negative: the id is free)
 //   N-id-v     one node at node version v
-// A store at version 1 is empty and has no index and no node file. A change
-// never overwrites a file the committed version uses: changed nodes go to new
-// files, then a new index, and the commit is published by rewriting the
-// version file last, so a reader that sees the new version finds every file
-// it names. Superseded files are removed after that.
+// A store at version 1 is empty and has no index and no node file; the
+// first process to find it without a version file creates one holding 1,
+// exclusively, so that no process ever writes 1 over a version file another
+// has created and moved on meanwhile. A change never overwrites a file the
+// committed version uses: changed nodes go to new files, then a new index,
+// and the commit is published by rewriting the version file last, so a
+// reader that sees the new version finds every file it names. Superseded
+// files are removed after that.
 //
 // Deferred writes go to a log in $TMPDIR (else /tmp): a file of unique name
 // "tagdbXXXXXX" created exclusively (as mkstemp does) with mode 0600, a new
@@ -215,6 +218,9 @@ class QK_EXPORT TagdbStore : public TagdbCommon {
 
     int cacheSize() const;
     Status readVersionFile(int& v);
+    // Creates the version file holding 1 unless one exists (then Failed,
+    // and the file is left as it is).
+    Status createVersionFile();
     Status reloadIndex(int v);
     void dropMoved(int const* oldVersions, long long oldCount);
     Status readNode(TagdbNode* node);

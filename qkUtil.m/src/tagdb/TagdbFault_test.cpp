@@ -97,4 +97,60 @@ INSTANTIATE_TEST_SUITE_P(Modes, FaultedCommit, testing::Values(T::Update, T::Rec
                              return std::string(info.param == T::Update ? "Update" : "Recreate");
                          });
 
+// A transaction that only reads an existing store (a Deferred start, a walk,
+// the abort) runs with failures at every file operation in turn, alone and
+// in runs of up to four in a row. Whatever fails, the store's files stay
+// exactly as they were (an open of the version file that fails does not
+// make the store pass for a new one), and a walk that reports Ok saw every
+// entry: failures show in a status, never as missing keys.
+TEST(FaultedRead, FailuresNeverChangeTheStoreNorShortenAWalk) {
+    TempDir dir;
+    Content keys;
+    for (int i = 0; i < 12; ++i)
+        keys["k" + std::to_string(100 + i).substr(1)] = "base";
+    fill(dir / "s", keys, 3);
+    auto const before = snapshot(dir);
+    auto read = [&](std::vector<long> const& points, Content& seen) {
+        seen.clear();
+        Tagdb db(1, 3, FaultFile::newInstance);
+        openStore(db, dir / "s");
+        FaultFile::arm(points);
+        T::Status st = db.start(T::Deferred);
+        if (st == T::Ok) {
+            TagdbItr it(&db, "");
+            int more = 0;
+            while ((st = it.next(more)) == T::Ok && more) {
+                char const* v = nullptr;
+                it.get(v);
+                seen[text(it.getKey())] = v ? v : "<null>";
+            }
+            db.abort();
+        }
+        FaultFile::disarm();
+        return st;
+    };
+    Content seen;
+    ASSERT_EQ(read({}, seen), T::Ok);
+    ASSERT_EQ(seen, keys);
+    long const total = FaultFile::operations;
+    std::map<T::Status, int> outcomes;
+    for (long k = 1; k <= total && !HasFailure(); ++k) {
+        for (long run = 1; run <= 4 && !HasFailure(); ++run) {
+            SCOPED_TRACE("failing operations " + std::to_string(k) + " to " +
+                         std::to_string(k + run - 1));
+            std::vector<long> points;
+            for (long i = 0; i < run; ++i)
+                points.push_back(k + i);
+            T::Status st = read(points, seen);
+            ++outcomes[st];
+            if (st == T::Ok) {
+                EXPECT_EQ(seen, keys);
+            }
+            EXPECT_EQ(snapshot(dir), before);
+        }
+    }
+    EXPECT_GT(outcomes[T::Ok], 0);  // failures that a retry gets past
+    EXPECT_GT(outcomes[T::Aborted] + outcomes[T::Failed], 0);
+}
+
 }  // namespace

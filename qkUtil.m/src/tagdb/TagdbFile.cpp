@@ -27,9 +27,9 @@ void reverse(unsigned char* p, int n) {
 TagdbFile::TagdbFile() : position(0), limit(0), mode(ReadMode), swapBytes(False), buffer{} {}
 
 TagdbCommon::Status TagdbFile::init(FileMode m) {
-    mode = m;
+    mode = m == ReadMode ? ReadMode : WriteMode;  // a created file is written like any other
     swapBytes = False;
-    limit = m ? kBufferSize : 0;
+    limit = mode == WriteMode ? kBufferSize : 0;
     position = 0;
     return Ok;
 }

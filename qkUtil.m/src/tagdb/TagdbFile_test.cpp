@@ -106,6 +106,26 @@ TEST(TagdbFile, FullBufferWaitsForCloseAndShortFilesFail) {
     }
 }
 
+// CreateMode writes only into a file it makes: over an existing one (even
+// an empty one) the open fails and the file keeps every byte; a new one is
+// written through the buffer as in WriteMode, across its edge included.
+TEST(TagdbLocalFile, CreateModeNeverOpensAnExistingFile) {
+    TempDir dir;
+    TagdbLocalFile f;
+    for (Bytes const& old : {Bytes{}, le(7, 4), Bytes(600, 'o')}) {
+        writeFile(dir / "there", old);
+        EXPECT_EQ(f.open((dir / "there").c_str(), T::CreateMode), T::Failed);
+        EXPECT_FALSE(f.isOpen());
+        EXPECT_EQ(readFile(dir / "there"), old);
+    }
+    std::string big(600, 'n');
+    ASSERT_EQ(f.open((dir / "new").c_str(), T::CreateMode), T::Ok);
+    for (T::Status st : {f.writeInteger(1), f.writeBytes(big.data(), 600), f.close()})
+        ASSERT_EQ(st, T::Ok);
+    EXPECT_EQ(readFile(dir / "new"), cat({le(1, 4), le(600, 4), Bytes(big.begin(), big.end())}));
+    EXPECT_EQ(f.open((dir / "new").c_str(), T::CreateMode), T::Failed);
+}
+
 // The one test that waits out the real time-out.
 TEST(TagdbLocalFile, StaleLockTimesOutAfterThirtySeconds) {
     TempDir dir;

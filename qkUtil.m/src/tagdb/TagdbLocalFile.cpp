@@ -64,11 +64,13 @@ TagdbCommon::Status TagdbLocalFile::open(char const* path, FileMode m) {
     init(m);
     if (!path) return Failed;
     descriptor = retried([path, m] {
+        if (m == CreateMode) return plat::fileCreateExclusive(path);
         return m == WriteMode ? plat::fileOpenOverwrite(path) : plat::fileOpenRead(path);
     });
     if (descriptor < 0) descriptor = -1;
-    // A new file (the common case: node and index files get new names)
-    // needs no cut; an existing one is cut after the last byte written.
+    // A new file (the common case: node and index files get new names, and
+    // CreateMode makes one or fails) needs no cut; an existing one is cut
+    // after the last byte written.
     cutAtClose = isOpen() && m == WriteMode && plat::fileSize(descriptor) != 0;
     return isOpen() ? Ok : Failed;
 }

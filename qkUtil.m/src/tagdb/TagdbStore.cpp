@@ -281,19 +281,20 @@ int TagdbStore::highestVersionOnDisk() {
 }
 
 // Reads the store version from the version file. A store without one is
-// new: its version file is created holding 1. A writer truncates and
-// rewrites the file, so a reader may find it empty for a moment; such reads
-// are tried again.
+// new: its version file is created holding 1 (createVersionFile), and the
+// file then in place is read, whoever made it. A file just created is empty
+// until its creator has written it, so a reader may find it empty for a
+// moment; such reads are tried again.
 TagdbCommon::Status TagdbStore::readVersionFile(int& v) {
     for (int attempt = 0; attempt < kVersionAttempts; ++attempt) {
         if (file->open(versionPath(), ReadMode) != Ok) {
-            // An open that fails for a passing reason must not reset an
-            // existing store to empty: the file counts as missing only when
-            // a second open, a moment later, fails as well.
-            pauseBeforeRetry();
-            int creations = 0;
-            while (file->open(versionPath(), ReadMode) != Ok) {
-                if (++creations > kVersionAttempts || writeVersion(1) != Ok) return Failed;
+            Status created = createVersionFile();
+            if (file->open(versionPath(), ReadMode) != Ok) {
+                // Neither found nor made: the store cannot be reached (a
+                // missing directory, no permission, or a failing file system).
+                if (created != Ok) return Failed;
+                pauseBeforeRetry();
+                continue;
             }
         }
         int read = 0;
@@ -305,6 +306,26 @@ TagdbCommon::Status TagdbStore::readVersionFile(int& v) {
         pauseBeforeRetry();
     }
     return Failed;
+}
+
+// Makes the version file of a new store, holding 1, only where there is
+// none. Several processes may find the store without a version file at
+// once; one of them creates it, and a writer may then commit (publishing
+// version 2, 3, ...) before the others get round to making theirs. A file
+// written over unconditionally would put the store back to 1 under
+// everyone's feet: those commits lost, and readers seeing an empty store
+// after a full one. An open
+// that failed for a passing reason while the file exists lands here too,
+// and must equally leave the file alone. Exclusive creation does both: it
+// fails, touching nothing, wherever a version file is already in place.
+// (A file whose write fails stays, possibly empty, rather than be removed:
+// a close that reports failure may have written it whole, and another
+// process may already have read it and published over it.)
+TagdbCommon::Status TagdbStore::createVersionFile() {
+    if (file->open(versionPath(), CreateMode) != Ok) return Failed;
+    Status wrote = file->writeInteger(1);
+    Status closed = file->close();
+    return wrote == Ok && closed == Ok ? Ok : Failed;
 }
 
 // Loads the node index of version v into new tables, which replace the

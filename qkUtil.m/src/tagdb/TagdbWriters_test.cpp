@@ -2,12 +2,15 @@
 // file, lose no increment; Deferred writers' logs are replayed under the
 // lock at commit and lose nothing either, while a reader without the lock
 // sees the store only move forward; a tree change made without the lock
-// commits only over the version it was made on.
+// commits only over the version it was made on; and a process that finds no
+// version file while another creates the store reads the other's rather
+// than starting the store over.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
 #include <map>
+#include <new>
 
 #include "TagdbTestUtil.h"
 
@@ -115,6 +118,67 @@ TEST(TagdbWriters, DeferredAndUpdateWritersLoseNothing) {
     EXPECT_EQ(runAll(jobs, walk), std::vector<int>(jobs.size(), 0));
     EXPECT_GT(walks, 0);
     checkStore(dir, "s", 3, expected);
+}
+
+// A file layer under which the version file of one store is not there yet
+// for the first `misses` opens that read it; during the last of those, the
+// other process (`meanwhile`) creates the store and commits. The process
+// that found no version file must then read the one in place, not write a
+// fresh 1 over it.
+class LateVersionFile : public TagdbLocalFile {
+  public:
+    static TagdbFile* newInstance() { return new (std::nothrow) LateVersionFile(); }
+    static inline std::string versionPath;
+    static inline int misses = 0;
+    static inline std::function<void()> meanwhile;
+
+    Status open(char const* path, FileMode m) override {
+        if (m != ReadMode || misses == 0 || versionPath != path)
+            return TagdbLocalFile::open(path, m);
+        if (--misses == 0) meanwhile();
+        TagdbLocalFile::close();
+        return Failed;
+    }
+};
+
+// A Deferred writer that finds no version file while another process
+// creates the store and commits: the other's commit survives, in what the
+// late one reads and in the store after the late one's own commit, however
+// many looks the late one takes before the commit lands.
+TEST(TagdbWriters, StoreCreatedMeanwhileIsReadNotStartedOver) {
+    for (int misses = 1; misses <= 4; ++misses) {
+        SCOPED_TRACE(std::to_string(misses) + " opens find no version file");
+        TempDir dir;
+        std::string store = dir / "s";
+        LateVersionFile::versionPath = store;
+        LateVersionFile::misses = misses;
+        LateVersionFile::meanwhile = [&] {
+            EXPECT_EQ(incrementer(store, 0, 2), 0);  // the store at version 3
+        };
+        Tagdb late(2, 3, LateVersionFile::newInstance);
+        openStore(late, store);
+        // Once the late one has made the file itself, an open that then
+        // fails, a creation that finds the file and an open that fails again
+        // end the start, reported; the next start reads the file.
+        T::Status started = late.start(T::Deferred);
+        EXPECT_EQ(started, misses < 4 ? T::Ok : T::Aborted);
+        if (started != T::Ok) {
+            ASSERT_EQ(late.start(T::Deferred), T::Ok);
+        }
+        EXPECT_EQ(LateVersionFile::misses, 0);
+        Content seen = entries(late);
+        EXPECT_EQ(seen, (Content{{"n", std::string("2", 2)},
+                                 {"u0-0", std::string("x", 2)},
+                                 {"u0-1", std::string("x", 2)}}));
+        ASSERT_EQ(late.set("late", "x"), T::Ok);
+        ASSERT_EQ(late.commit(), T::Ok);
+        EXPECT_EQ(readFile(store), le(4, 4));
+        checkStore(dir, "s", 3,
+                   {{"late", std::string("x", 2)},
+                    {"n", std::string("2", 2)},
+                    {"u0-0", std::string("x", 2)},
+                    {"u0-1", std::string("x", 2)}});
+    }
 }
 
 // A reference taken in a Deferred transaction changes the tree without the
