@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -224,6 +225,30 @@ void releaseShared() {
     }
 }
 
+// Prints the process's peak resident memory (the high-water mark of its own
+// address space; a parent's rusage would include what the process inherited
+// before exec) for bench/run_memory_bench.py.
+void reportPeak() {
+    releaseShared();
+    FILE* status = std::fopen("/proc/self/status", "r");
+    if (!status) return;
+    char line[256];
+    long kib = -1;
+    while (std::fgets(line, sizeof line, status))
+        if (std::sscanf(line, "VmHWM: %ld", &kib) == 1) break;
+    std::fclose(status);
+    std::fprintf(stderr, "peak_resident_kib %ld\n", kib);
+#ifdef QK_DIRECT
+    // What the manager holds from the C runtime at the end: superblocks and
+    // large blocks, and their bytes.
+    MEMORY_STATS* held = qkMemory::getSystemStats();
+    std::fprintf(stderr, "keep_blocks %lld\n",
+                 static_cast<long long>(qkMemory::getKeepStats()->count));
+    std::fprintf(stderr, "system_blocks %lld system_bytes %lld\n",
+                 static_cast<long long>(held->count), static_cast<long long>(held->bytes));
+#endif
+}
+
 // Before main: the manager made (direct build) and every allocator brought
 // to its steady state.
 bool const ready = [] {
@@ -234,7 +259,7 @@ bool const ready = [] {
 #endif
 #endif
     warmUp();
-    std::atexit(releaseShared);
+    std::atexit(reportPeak);
     return true;
 }();
 

@@ -3,7 +3,8 @@
 peak resident memory and the memory manager's ratios to its peers.
 
 Every (allocator, workload) pair runs in a process of its own, so that its
-peak resident set (the child's ru_maxrss) is the workload's alone. A round
+peak resident set (VmHWM, which the benchmark prints at exit) is the
+workload's alone. A round
 runs every allocator once over every workload; the allocators' order rotates
 from round to round, so that no allocator always runs first or last on a
 warming or cooling machine. The figures are medians over the rounds.
@@ -56,13 +57,15 @@ def run_one(binary, preload, workload, min_time, out_json):
     args = [binary, "--benchmark_filter=^%s$" % re.escape(workload),
             "--benchmark_min_time=%s" % min_time, "--benchmark_format=json",
             "--benchmark_out=" + out_json, "--benchmark_out_format=json"]
-    child = subprocess.Popen(args, env=env, stdout=subprocess.DEVNULL)
-    _, status, usage = os.wait4(child.pid, 0)
-    if status != 0:
-        raise SystemExit("%s failed on %s (status %d)" % (binary, workload, status))
+    child = subprocess.run(args, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                           text=True)
+    peak = re.search(r"^peak_resident_kib (\d+)$", child.stderr, re.M)
+    if child.returncode != 0 or not peak:
+        raise SystemExit("%s failed on %s (status %d)\n%s"
+                         % (binary, workload, child.returncode, child.stderr))
     with open(out_json) as f:
         result = json.load(f)["benchmarks"][0]
-    return result["items_per_second"], usage.ru_maxrss
+    return result["items_per_second"], int(peak.group(1))
 
 
 def main():

@@ -58,6 +58,10 @@ QK_NOINLINE void qkMemoryInternals::freeRemote(qkMemory* m, MEMORY_THREAD* mt,
     int b = sb->bucket;
     bool threadCrossed = false;
     m->allocLock[b]->lock();
+    if (!sb->pending) {
+        sb->pendingTail =
+            static_cast<int>(reinterpret_cast<char*>(h) - reinterpret_cast<char*>(sb));
+    }
     h->next = sb->pending;
     sb->pending = h;
     // Release: an owner that reads the new count also sees the push.

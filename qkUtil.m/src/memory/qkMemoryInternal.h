@@ -119,6 +119,11 @@ struct MEMORY_SUPERBLOCK {
     // Bumped under allocLock[bucket] with a release store after the push onto
     // `pending`, so an owner that reads it (acquire) sees the pushed blocks.
     std::atomic<int> freeCount;
+    // Under allocLock[bucket], valid while `pending` is not empty: the byte
+    // offset of the last block of `pending`, so that merging it into `free`
+    // does not walk the list (each step a cache miss on a block another
+    // thread wrote). It fills the header's last four bytes.
+    int pendingTail;
 
     MEMORY_HEADER* firstBlock() {
         return reinterpret_cast<MEMORY_HEADER*>(reinterpret_cast<char*>(this) +

@@ -127,9 +127,7 @@ void qkMemory::keepSuperblock(MEMORY_SUPERBLOCK* sb) {
 void qkMemory::reclaim(MEMORY_SUPERBLOCK* sb) {
     MEMORY_HEADER* first = sb->pending;
     if (!first) return;
-    MEMORY_HEADER* last = first;
-    while (last->next)
-        last = last->next;
+    auto* last = reinterpret_cast<MEMORY_HEADER*>(reinterpret_cast<char*>(sb) + sb->pendingTail);
     last->next = sb->free;
     sb->free = first;
     sb->allocCount -= sb->freeCount.load(std::memory_order_relaxed);
