@@ -35,7 +35,7 @@ int budgetOf(qkMemory* m) {
 // them (its store may wait in its store buffer), and an addition made in that
 // window would be overwritten whole. The old owner stops at its next request
 // (it sees the new owner), so the count is still for good after a short
-// while: here, three readings about a microsecond apart that agree. Once per
+// while: here, three readings a microsecond from each other that agree. Once per
 // kFoldEvery requests, and only when the ownership changes hands.
 void waitForQuiet(qkMemory* m) {
     int count = loadRelaxed(m->allocCount), agreeing = 0;
@@ -50,7 +50,7 @@ void waitForQuiet(qkMemory* m) {
 
 }  // namespace
 
-QK_NOINLINE void qkMemoryInternals::countApart(qkMemory* m, MEMORY_THREAD* mt, size_t size) {
+QK_NOINLINE void qkMemoryInternals::countOnItsOwn(qkMemory* m, MEMORY_THREAD* mt, size_t size) {
     TuningCounts& counts = countsOf(mt);
     if (counts.pending == 0) {
         int now = loadRelaxed(m->allocCount);
@@ -70,7 +70,7 @@ QK_NOINLINE void qkMemoryInternals::countApart(qkMemory* m, MEMORY_THREAD* mt, s
             if (count + 1 > loadRelaxed(m->allocLimit)) tuneLocked(m);
             return;
         }
-        counts.budget = budgetOf(m);  // the owner is counting: count apart
+        counts.budget = budgetOf(m);  // the owner is counting: count on its own
     }
     counts.bySize[size] += 1;
     if (++counts.pending >= counts.budget) foldCounts(m, mt);

@@ -357,8 +357,8 @@ struct QK_EXPORT qkMemoryInternals {
     // A small request rounded up to a multiple of 16. It then maps to a base
     // bucket (multiples of 32) or to a tuned bucket of exactly its size (a
     // tuned bucket of t bytes takes the sizes t-7..t), and the blocks of such
-    // a bucket lie 16 bytes apart times some n behind 16-aligned headers.
-    // Large requests stay as they are: their blocks are 16-aligned already,
+    // a bucket lie a multiple of 16 bytes from each other, behind 16-aligned
+    // headers. Large requests stay as they are: their blocks are 16-aligned already,
     // and the rounding of a size near SIZE_MAX would overflow.
     QK_ALWAYS_INLINE static size_t alignedRequest(size_t size) {
         constexpr size_t limit = qk::memory::kSmallLimit;
@@ -395,9 +395,9 @@ struct QK_EXPORT qkMemoryInternals {
         if (QK_LIKELY(qk::memory::loadRelaxed(qk::memory::fast.countOwner) == mt)) {
             return countRequest(m, size);
         }
-        countApart(m, mt, size);
+        countOnItsOwn(m, mt, size);
     }
-    static void countApart(qkMemory* m, MEMORY_THREAD* mt, size_t size);
+    static void countOnItsOwn(qkMemory* m, MEMORY_THREAD* mt, size_t size);
     // Folds the heap's own counts into the shared ones (the locked tuning
     // step follows when they pass the limit) and makes it the owner.
     static void foldCounts(qkMemory* m, MEMORY_THREAD* mt);
