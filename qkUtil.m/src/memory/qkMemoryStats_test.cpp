@@ -2,8 +2,12 @@
 // changing limits is checked against the crossing rule applied to the
 // statistics seen before and after each request: which reports come, in which
 // order on which path, with which text; the high-water marks and the advisory
-// query follow the same statistics. Then the warning line itself.
+// query follow the same statistics. Then the warning line itself, and the
+// C runtime heap as the manager sets it up for large blocks.
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstring>
 
 #include "memory/qkMemoryTestUtil.h"
 
@@ -137,6 +141,34 @@ TEST(qkMemoryWarn, TheLineIsCutToItsBufferAndAWarningFromThePrintFunctionIsDropp
     qkMemory::warn(std::string(2000, 'm').c_str(), nullptr, 0);
     qkMemory::warn("outer", reinterpret_cast<char const*>(5), 2);
     EXPECT_EQ(printed, std::vector<std::string>({std::string(1023, 'm'), "outer (0x5:2)\n"}));
+}
+
+}  // namespace
+
+namespace {
+
+// The C runtime's heap as the manager sets it up for large blocks: a block of
+// some MiB comes from the heap top (not a mapping of its own), and releasing
+// it leaves the top where it was (glibc's defaults map such a block, and give
+// the top back as soon as 128 KiB lie free). On the main thread, whose heap
+// is the one that grows by brk.
+TEST(qkMemoryHeap, LargeBlocksComeFromTheHeapTopAndItIsNotGivenBack) {
+#ifdef QK_MEMORY_SANITIZED
+    GTEST_SKIP() << "the sanitizer's allocator serves the raw heap";
+#else
+    ASSERT_NE(mgr(), nullptr);
+    void* probe = qk::platform::rawAlloc(64);  // the heap exists
+    char* before = static_cast<char*>(sbrk(0));
+    constexpr size_t kBig = 2 << 20;
+    void* big = qk::platform::rawAlloc(kBig);
+    std::memset(big, 1, kBig);
+    char* grown = static_cast<char*>(sbrk(0));
+    qk::platform::rawFree(big);
+    char* after = static_cast<char*>(sbrk(0));
+    qk::platform::rawFree(probe);
+    EXPECT_GE(grown - before, static_cast<ptrdiff_t>(kBig)) << "the block was mapped on its own";
+    EXPECT_EQ(after, grown) << "the heap top was given back";
+#endif
 }
 
 }  // namespace
