@@ -18,7 +18,7 @@ CMAKE  ?= cmake
 SUDO   := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 BASE_PKGS  := cmake g++ make pkg-config libgtest-dev libgmock-dev
-BENCH_PKGS := libbenchmark-dev libjemalloc-dev libmimalloc-dev libgoogle-perftools-dev \
+BENCH_PKGS := python3 libbenchmark-dev libjemalloc-dev libmimalloc-dev libgoogle-perftools-dev \
               liblmdb-dev libsqlite3-dev libleveldb-dev libfmt-dev
 FUZZ_PKGS  := clang libclang-rt-14-dev
 SAN_TEST_EXCLUDE := -LE no-sanitizer
