@@ -2,7 +2,6 @@
 // TuningCounts in qkMemoryInternal.h).
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 #include "memory/qkMemoryInternal.h"
@@ -30,18 +29,28 @@ int budgetOf(qkMemory* m) {
     return std::clamp(left, 1, TuningCounts::kFoldEvery);
 }
 
+// Tells the processor that this is a spin-wait loop.
+inline void spinHint() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
 // Waits until the shared count has stopped moving: the heap that owned the
 // shared counts until a moment ago may still be between reading and writing
 // them (its store may wait in its store buffer), and an addition made in that
 // window would be overwritten whole. The old owner stops at its next request
 // (it sees the new owner), so the count is still for good after a short
-// while: here, three readings a microsecond from each other that agree. Once per
-// kFoldEvery requests, and only when the ownership changes hands.
+// while: here, three readings that agree, each 64 spin-wait hints after the
+// one before. Once per kFoldEvery requests at most, and only when the
+// ownership changes hands.
 void waitForQuiet(qkMemory* m) {
     int count = loadRelaxed(m->allocCount), agreeing = 0;
     for (int round = 0; round < 256 && agreeing < 3; ++round) {
         for (int i = 0; i < 64; ++i)
-            __builtin_ia32_pause();
+            spinHint();
         int now = loadRelaxed(m->allocCount);
         agreeing = now == count ? agreeing + 1 : 0;
         count = now;
