@@ -239,13 +239,13 @@ void reportPeak() {
     std::fclose(status);
     std::fprintf(stderr, "peak_resident_kib %ld\n", kib);
 #ifdef QK_DIRECT
-    // What the manager holds from the C runtime at the end: superblocks and
-    // large blocks, and their bytes.
-    MEMORY_STATS* held = qkMemory::getSystemStats();
-    std::fprintf(stderr, "keep_blocks %lld\n",
-                 static_cast<long long>(qkMemory::getKeepStats()->count));
-    std::fprintf(stderr, "system_blocks %lld system_bytes %lld\n",
-                 static_cast<long long>(held->count), static_cast<long long>(held->bytes));
+    // What the manager holds from the C runtime at the end (superblocks and
+    // large blocks, and their bytes), and how many superblocks of it are kept.
+    MEMORY_STATS held = qkMemory::loadStats(qkMemory::getSystemStats());
+    MEMORY_STATS kept = qkMemory::loadStats(qkMemory::getKeepStats());
+    std::fprintf(stderr, "system_blocks %lld system_bytes %lld keep_blocks %lld\n",
+                 static_cast<long long>(held.count), static_cast<long long>(held.bytes),
+                 static_cast<long long>(kept.count));
 #endif
 }
 
