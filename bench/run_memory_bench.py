@@ -97,14 +97,19 @@ def main():
                    "peak_mib": {"%s|%s" % k: v for k, v in mib.items()}}, f, indent=1)
 
 
+def per_allocator(workloads, names, figures):
+    """A table of one figure per workload (row) and allocator (column)."""
+    print("| workload | " + " | ".join(names) + " |")
+    print("|---|" + "---:|" * len(names))
+    for w in workloads:
+        print("| %s | %s |" % (w, " | ".join("%.1f" % figures[n, w] for n in names)))
+
+
 def report(workloads, names, mops, mib, rounds):
     print("Throughput, million allocations+releases per second (median of %d rounds):"
           % rounds)
     print()
-    print("| workload | " + " | ".join(names) + " |")
-    print("|---|" + "---:|" * len(names))
-    for w in workloads:
-        print("| %s | %s |" % (w, " | ".join("%.1f" % mops[n, w] for n in names)))
+    per_allocator(workloads, names, mops)
     print()
     print("The manager's throughput against the best peer and against glibc"
           " (above 1: the manager is faster), and its peak resident memory"
@@ -124,10 +129,7 @@ def report(workloads, names, mops, mib, rounds):
     print()
     print("Peak resident memory, MiB (median):")
     print()
-    print("| workload | " + " | ".join(names) + " |")
-    print("|---|" + "---:|" * len(names))
-    for w in workloads:
-        print("| %s | %s |" % (w, " | ".join("%.1f" % mib[n, w] for n in names)))
+    per_allocator(workloads, names, mib)
     print()
     pairs = [("Batch", "Batch/real_time/threads:1", "Batch/real_time/threads:2"),
              ("Control", "Control/real_time/threads:1", "Control/real_time/threads:2")]
