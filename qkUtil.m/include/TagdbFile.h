@@ -16,6 +16,16 @@
 // name + "-lock" exclusively, polling every 20 ms, and gives up with
 // LockTimeout after 30 seconds; the file's existence is the lock, so a lock
 // left by a dead process blocks until someone deletes the file.
+// TagdbLocalFile keeps a stage of its own below the 512-byte buffer, so that
+// a file costs few system calls whatever its size: what is written gathers
+// there and goes to the file in one write at close (or whenever 1 MiB has
+// gathered), and a file being read is read ahead into it, whole when it fits
+// (128 KiB; a larger file is sized with fstat and read in pieces of up to
+// 1 MiB). A write therefore returns Ok once its bytes are gathered; a failure
+// to put them on disk (a short write that cannot be completed, a full disk,
+// an I/O error) is reported by the next write that drains the stage, or by
+// close, which a writer must check. Interrupted calls are retried and short
+// reads and writes completed, as everywhere in this layer.
 // A file opened in WriteMode is written from its start and cut to the length
 // written when it is closed, rather than emptied when it is opened: a file
 // rewritten in place (the store's version file) then holds its old content
@@ -28,11 +38,14 @@
 //
 // Ownership: strings and byte runs returned by readString/readBytes come
 // from qkMalloc and belong to the caller (qkFree), also when the read fails
-// part-way. Objects are copyable member by member; a TagdbLocalFile copy
-// shares the descriptor, so only one of the two may close it.
+// part-way. Objects are copyable; a TagdbLocalFile copy shares the
+// descriptor (so only one of the two may close it) and has its own copy of
+// the stage (a copy that cannot get the memory for it is closed).
 //
 // Thread-safety: none; a file object belongs to one thread at a time.
 #pragma once
+
+#include <cstddef>
 
 #include "TagdbCommon.h"
 
@@ -100,8 +113,8 @@ class QK_EXPORT TagdbLocalFile : public TagdbFile {
   public:
     TagdbLocalFile();
     ~TagdbLocalFile() override;
-    TagdbLocalFile(TagdbLocalFile const&) = default;
-    TagdbLocalFile& operator=(TagdbLocalFile const&) = default;
+    TagdbLocalFile(TagdbLocalFile const& other);
+    TagdbLocalFile& operator=(TagdbLocalFile const& other);
 
     int isOpen() override;
     Status open(char const* path, FileMode mode) override;
@@ -121,6 +134,28 @@ class QK_EXPORT TagdbLocalFile : public TagdbFile {
     static TagdbFile* newInstance();
 
   protected:
+    // The system calls under the stage, one place each, so that a test can
+    // make the disk misbehave (short transfers, interruptions, a full disk,
+    // I/O errors). They report as the system does: a count, or -1 and errno.
+    virtual long systemRead(void* buf, size_t size);
+    virtual long systemWrite(void const* buf, size_t size);
+    virtual int systemClose();
+
     int descriptor;  // -1 when closed
     int cutAtClose;  // write mode over an existing file: trim its old tail at close
+
+  private:
+    Status drain();
+    Status writeThrough(void const* buf, int size);
+    Status fill();
+    bool reserve(int size);
+    void resetStage();
+    void copyStage(TagdbLocalFile const& other);
+
+    unsigned char* stage;  // gathered writes, or the bytes read ahead
+    int stageCapacity;
+    int stageUsed;      // bytes gathered, or read ahead
+    int stageNext;      // read: the next byte to hand out
+    int writeLost;      // gathered bytes failed to reach the file: close fails
+    long long offset;   // bytes moved between the file and the stage since open
 };

@@ -26,13 +26,24 @@ long long fileSize(int fd) {
     return ::fstat(fd, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
 }
 
-int fileCut(int fd) {
-    off_t at = ::lseek(fd, 0, SEEK_CUR);
-    return at < 0 ? -1 : ::ftruncate(fd, at);
+int fileTruncate(int fd, long long length) {
+    return ::ftruncate(fd, static_cast<off_t>(length));
 }
 
 int fileCreateExclusive(char const* path) {
     return ::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+}
+
+// mknod makes a regular file as an exclusive open does (EEXIST when the name
+// is taken, mode 0666 less the umask) but leaves no descriptor to close.
+// File systems that refuse it get the open and the close.
+int fileMakeExclusive(char const* path) {
+    if (::mknod(path, S_IFREG | 0666, 0) == 0) return 0;
+    if (errno != EPERM && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return -1;
+    int fd = fileCreateExclusive(path);
+    if (fd < 0) return -1;
+    fileClose(fd);
+    return 0;
 }
 
 long fileRead(int fd, void* buf, size_t size) {

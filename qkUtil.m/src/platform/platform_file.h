@@ -22,15 +22,21 @@ namespace qk::platform {
 QK_EXPORT int fileOpenRead(char const* path);
 // Opens a file for writing from its start, creating it but keeping what it
 // holds: a file rewritten in place is never seen empty, not even by a reader
-// that comes while the writer is stopped. fileCut then trims the old tail.
+// that comes while the writer is stopped. fileTruncate then trims the old
+// tail.
 QK_EXPORT int fileOpenOverwrite(char const* path);
 // The size of an open file in bytes, -1 on error.
 QK_EXPORT long long fileSize(int fd);
-// Cuts the file at the descriptor's current offset.
-QK_EXPORT int fileCut(int fd);
+// Cuts the file to `length` bytes.
+QK_EXPORT int fileTruncate(int fd, long long length);
 // Creates a file that must not exist yet (atomic in the file system), opened
 // for reading and writing; fails with EEXIST when it exists.
 QK_EXPORT int fileCreateExclusive(char const* path);
+// Creates an empty file that must not exist yet, as fileCreateExclusive
+// does, without opening it: 0, or -1 with errno set (EEXIST when it exists).
+// One system call where the file system allows it, two (open and close)
+// where it does not.
+QK_EXPORT int fileMakeExclusive(char const* path);
 
 // Reads up to `size` bytes; the count read, 0 at end of file, -1 on error.
 QK_EXPORT long fileRead(int fd, void* buf, size_t size);

@@ -7,6 +7,7 @@
 #include <bit>
 #include <chrono>
 #include <tuple>
+#include <vector>
 
 #include "TagdbTestUtil.h"
 #include "qkMemory.h"
@@ -17,6 +18,20 @@ namespace {
 
 struct SwappingFile : TagdbLocalFile {
     void setSwap() { swapBytes = True; }
+};
+
+// Records the sizes of the buffer's writes and counts the system's.
+struct RecordingFile : TagdbLocalFile {
+    std::vector<int> writes;
+    int systemWrites = 0;
+    Status write(void const* buf, int size) override {
+        writes.push_back(size);
+        return TagdbLocalFile::write(buf, size);
+    }
+    long systemWrite(void const* buf, size_t size) override {
+        ++systemWrites;
+        return TagdbLocalFile::systemWrite(buf, size);
+    }
 };
 
 // Every typed value after a run that moves it across the 512-byte buffer's
@@ -82,14 +97,19 @@ TEST(TagdbFile, TypedValuesMatchTheirStoredForm) {
 
 TEST(TagdbFile, FullBufferWaitsForCloseAndShortFilesFail) {
     TempDir dir;
-    TagdbLocalFile f;
+    RecordingFile f;
     Bytes chunk(508, 0xAB);
     ASSERT_EQ(f.open((dir / "f").c_str(), T::WriteMode), T::Ok);
     ASSERT_EQ(f.writeBytes(chunk.data(), 508), T::Ok);  // 4 + 508: exactly full
-    EXPECT_EQ(readFile(dir / "f").size(), 0u);
+    EXPECT_EQ(f.writes, std::vector<int>{});
     ASSERT_EQ(f.writeByte(1), T::Ok);  // one more goes in: the 512 go out
-    EXPECT_EQ(readFile(dir / "f").size(), 512u);
+    EXPECT_EQ(f.writes, std::vector<int>{512});
+    // ... to the local file's stage: the disk sees them, and the last byte,
+    // in one write at close.
+    EXPECT_EQ(readFile(dir / "f").size(), 0u);
     ASSERT_EQ(f.close(), T::Ok);
+    EXPECT_EQ(f.writes, (std::vector<int>{512, 1}));
+    EXPECT_EQ(f.systemWrites, 1);
     EXPECT_EQ(readFile(dir / "f").size(), 513u);
 
     EXPECT_EQ(f.open((dir / "missing").c_str(), T::ReadMode), T::Failed);

@@ -19,6 +19,13 @@ namespace {
 // all, before the operation gives up.
 constexpr int kAttempts = 100;
 
+// The stage a file object keeps between files: the node files of a store
+// fit it, so a node costs one read or one write.
+constexpr int kStageSize = 128 * 1024;
+// The most bytes gathered before they are written, and the largest piece
+// read ahead from a file that does not fit the stage.
+constexpr int kStageLimit = 1024 * 1024;
+
 // Runs call, a system call that fails with a negative result and errno,
 // again while it is interrupted (or, with busyToo, finds the file busy), at
 // most kAttempts times in all; returns the last result.
@@ -32,23 +39,55 @@ auto retried(Call call, bool busyToo = false) {
     return result;
 }
 
-// Closes a descriptor; true when it is released. An interrupted close has
-// released it too, so there is nothing to retry.
-bool closeDescriptor(int fd) {
-    return plat::fileClose(fd) == 0;
-}
-
-// Cuts the file at the current offset, retrying interruptions.
-bool cutHere(int fd) {
-    return retried([fd] { return plat::fileCut(fd); }) == 0;
-}
-
 }  // namespace
 
-TagdbLocalFile::TagdbLocalFile() : descriptor(-1), cutAtClose(0) {}
+TagdbLocalFile::TagdbLocalFile()
+    : descriptor(-1),
+      cutAtClose(0),
+      stage(nullptr),
+      stageCapacity(0),
+      stageUsed(0),
+      stageNext(0),
+      writeLost(0),
+      offset(0) {}
 
 TagdbLocalFile::~TagdbLocalFile() {
     close();
+    qkFree(stage, __FILE__, __LINE__);
+}
+
+TagdbLocalFile::TagdbLocalFile(TagdbLocalFile const& other)
+    : TagdbFile(other),
+      descriptor(other.descriptor),
+      cutAtClose(other.cutAtClose),
+      stage(nullptr),
+      stageCapacity(0) {
+    copyStage(other);
+}
+
+TagdbLocalFile& TagdbLocalFile::operator=(TagdbLocalFile const& other) {
+    if (this == &other) return *this;
+    TagdbFile::operator=(other);
+    descriptor = other.descriptor;
+    cutAtClose = other.cutAtClose;
+    copyStage(other);
+    return *this;
+}
+
+// The copy continues where the original stands, with the same bytes
+// gathered or read ahead; without memory for them it cannot, and is closed.
+void TagdbLocalFile::copyStage(TagdbLocalFile const& other) {
+    stageUsed = stageNext = 0;
+    writeLost = other.writeLost;
+    offset = other.offset;
+    if (other.stageUsed > 0 && !reserve(other.stageUsed)) {
+        descriptor = -1;
+        resetStage();
+        return;
+    }
+    if (other.stageUsed > 0) std::memcpy(stage, other.stage, static_cast<size_t>(other.stageUsed));
+    stageUsed = other.stageUsed;
+    stageNext = other.stageNext;
 }
 
 TagdbFile* TagdbLocalFile::newInstance() {
@@ -68,10 +107,9 @@ TagdbCommon::Status TagdbLocalFile::open(char const* path, FileMode m) {
         return m == WriteMode ? plat::fileOpenOverwrite(path) : plat::fileOpenRead(path);
     });
     if (descriptor < 0) descriptor = -1;
-    // A new file (the common case: node and index files get new names, and
-    // CreateMode makes one or fails) needs no cut; an existing one is cut
-    // after the last byte written.
-    cutAtClose = isOpen() && m == WriteMode && plat::fileSize(descriptor) != 0;
+    // A file written over may have been longer: close cuts what is left of
+    // its old content. A file CreateMode made is new.
+    cutAtClose = isOpen() && m == WriteMode;
     return isOpen() ? Ok : Failed;
 }
 
@@ -95,50 +133,158 @@ TagdbCommon::Status TagdbLocalFile::close() {
             failed = true;
         }
     }
-    if (cutAtClose && !failed && !cutHere(descriptor)) failed = true;
+    if (mode == WriteMode && !failed && drain() != Ok) failed = true;
+    if (cutAtClose && !failed) {
+        // Only a file that was longer than what was written over it needs
+        // cutting (the version file is rewritten at its own length).
+        long long size = retried([this] { return plat::fileSize(descriptor); });
+        if (size < 0) failed = true;
+        if (size > offset &&
+            retried([this] { return plat::fileTruncate(descriptor, offset); }) != 0)
+            failed = true;
+    }
     cutAtClose = 0;
     // A close that fails has released the descriptor all the same on Linux,
     // and its number may already belong to a file opened since: never close
     // it again.
-    if (!closeDescriptor(descriptor)) failed = true;
+    if (systemClose() != 0) failed = true;
     descriptor = -1;
+    resetStage();
     return failed ? Failed : Ok;
 }
+
+// Forgets what the stage holds; a stage grown for a large file goes back,
+// the usual one stays for the next file.
+void TagdbLocalFile::resetStage() {
+    stageUsed = stageNext = 0;
+    writeLost = 0;
+    offset = 0;
+    if (stageCapacity > kStageSize) {
+        qkFree(stage, __FILE__, __LINE__);
+        stage = nullptr;
+        stageCapacity = 0;
+    }
+}
+
+// Grows the stage to hold `size` bytes, keeping what it holds.
+bool TagdbLocalFile::reserve(int size) {
+    if (size <= stageCapacity) return true;
+    int capacity = stageCapacity > 0 ? stageCapacity : kStageSize;
+    while (capacity < size)
+        capacity = capacity < kStageLimit / 2 ? capacity * 2 : kStageLimit;
+    if (capacity < size) return false;
+    void* grown = qkRealloc(stage, static_cast<size_t>(capacity), __FILE__, __LINE__);
+    if (!grown) return false;
+    stage = static_cast<unsigned char*>(grown);
+    stageCapacity = capacity;
+    return true;
+}
+
+// ---- Reading ----------------------------------------------------------------
 
 TagdbCommon::Status TagdbLocalFile::read(void* buf, int size, int& got) {
     got = 0;
     if (!isOpen() || size <= 0) return Failed;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        got = static_cast<int>(plat::fileRead(descriptor, buf, static_cast<size_t>(size)));
-        if (got > 0) return Ok;
-        if (got == 0 || errno != EINTR) return Failed;  // end of file or a real error
+    if (stageNext >= stageUsed) {
+        Status st = fill();
+        if (st != Ok || stageUsed == 0) return st;  // stageUsed 0: interrupted every time
     }
-    // Interrupted every time: Ok with the last count, which the buffered
+    got = stageUsed - stageNext < size ? stageUsed - stageNext : size;
+    std::memcpy(buf, stage + stageNext, static_cast<size_t>(got));
+    stageNext += got;
+    return Ok;
+}
+
+// Reads ahead as much of the file as the stage takes. The first piece of a
+// file fills the stage as it is, which holds most files whole; a file that
+// goes on beyond it is sized with fstat, and the stage grown to take the
+// rest (up to kStageLimit at a time).
+TagdbCommon::Status TagdbLocalFile::fill() {
+    stageUsed = stageNext = 0;
+    int want = stageCapacity > kStageSize ? stageCapacity : kStageSize;
+    if (offset > 0) {
+        long long size = plat::fileSize(descriptor);
+        long long rest = size - offset;
+        if (rest > want) want = rest < kStageLimit ? static_cast<int>(rest) : kStageLimit;
+    }
+    if (!reserve(want) && !reserve(kStageSize)) return Failed;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        long n = systemRead(stage, static_cast<size_t>(stageCapacity));
+        if (n > 0) {
+            stageUsed = static_cast<int>(n);
+            offset += n;
+            return Ok;
+        }
+        if (n == 0 || errno != EINTR) return Failed;  // end of file or a real error
+    }
+    // Interrupted every time: Ok with nothing read, which the buffered
     // reader takes as the end of the file.
     return Ok;
+}
+
+// ---- Writing ----------------------------------------------------------------
+
+// Gathers the bytes in the stage; they reach the file when the stage is full
+// or the file is closed. A run too large to gather, or one the stage has no
+// memory for, goes straight to the file after what was gathered before it.
+TagdbCommon::Status TagdbLocalFile::write(void const* buf, int size) {
+    if (!isOpen() || size < 0 || mode != WriteMode || writeLost) return Failed;
+    if (size > kStageLimit - stageUsed && drain() != Ok) return Failed;
+    if (size == 0) return Ok;
+    if (size <= kStageLimit && reserve(stageUsed + size)) {
+        std::memcpy(stage + stageUsed, buf, static_cast<size_t>(size));
+        stageUsed += size;
+        return Ok;
+    }
+    if (drain() != Ok) return Failed;
+    return writeThrough(buf, size);
+}
+
+TagdbCommon::Status TagdbLocalFile::drain() {
+    if (writeLost) return Failed;
+    if (stageUsed == 0) return Ok;
+    Status st = writeThrough(stage, stageUsed);
+    stageUsed = 0;
+    return st;
 }
 
 // Partial writes continue with the bytes not yet written (rewriting them all
 // would duplicate the part that reached the file). Each interruption uses up
 // one of the attempts; running out of them is a failure, since Ok promises
-// that every byte was written.
-TagdbCommon::Status TagdbLocalFile::write(void const* buf, int size) {
-    if (!isOpen() || size < 0) return Failed;
+// that every byte was written. After a failure the file lacks bytes that
+// were reported written: every later write, and close, fail.
+TagdbCommon::Status TagdbLocalFile::writeThrough(void const* buf, int size) {
     char const* at = static_cast<char const*>(buf);
     long left = size;
     int interrupted = 0;
     while (left > 0) {
-        long n = plat::fileWrite(descriptor, at, static_cast<size_t>(left));
+        long n = systemWrite(at, static_cast<size_t>(left));
         if (n > 0) {
             at += n;
             left -= n;
-        } else if (n < 0 && errno == EINTR) {
-            if (++interrupted >= kAttempts) return Failed;
+            offset += n;
+        } else if (n < 0 && errno == EINTR && ++interrupted < kAttempts) {
+            continue;
         } else {
-            return Failed;  // an error, or a write that took nothing
+            writeLost = 1;  // an error, a write that took nothing, or too many interruptions
+            return Failed;
         }
     }
     return Ok;
+}
+
+// ---- The system calls -------------------------------------------------------
+
+long TagdbLocalFile::systemRead(void* buf, size_t size) {
+    return plat::fileRead(descriptor, buf, size);
+}
+
+long TagdbLocalFile::systemWrite(void const* buf, size_t size) {
+    return plat::fileWrite(descriptor, buf, size);
+}
+
+int TagdbLocalFile::systemClose() {
+    return plat::fileClose(descriptor);
 }
 
 TagdbCommon::Status TagdbLocalFile::remove(char const* path) {
@@ -183,12 +329,10 @@ namespace qk::tagdb {
 // cut the wait short nor stretch it.
 TagdbCommon::Status acquireLockFile(char const* path, unsigned timeoutMs, unsigned pollMs) {
     uint32_t start = plat::tickCount();
-    int fd;
-    while ((fd = plat::fileCreateExclusive(path)) < 0) {
+    while (plat::fileMakeExclusive(path) != 0) {
         if (plat::tickCount() - start > timeoutMs) return TagdbCommon::LockTimeout;
         plat::sleepMs(pollMs);
     }
-    closeDescriptor(fd);
     return TagdbCommon::Ok;
 }
 

@@ -12,8 +12,8 @@ constexpr unsigned kLockTimeoutMs = 30000;
 constexpr unsigned kLockPollMs = 20;
 
 // Creates `path` exclusively, trying every `pollMs` until more than
-// `timeoutMs` have passed (then LockTimeout). The file is closed at once and
-// stays on disk.
+// `timeoutMs` have passed (then LockTimeout). The file is made without
+// being opened and stays on disk.
 QK_EXPORT TagdbCommon::Status acquireLockFile(char const* path, unsigned timeoutMs,
                                               unsigned pollMs);
 
