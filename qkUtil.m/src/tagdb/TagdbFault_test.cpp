@@ -5,6 +5,12 @@
 // in the publication so that the rollback fails too. Whatever fails, the
 // files end up exactly as before the transaction or exactly as after it.
 // The same sweep runs as an Update and as a Recreate.
+// Below the file layer, the disk misbehaves at every system call of the
+// local file's gathered writes, read-ahead and close in turn: short
+// transfers and interruptions change nothing, a full disk or an I/O error
+// leaves the last published version intact and readable.
+#include <cerrno>
+
 #include "TagdbFaultFile.h"
 #include "TagdbTestUtil.h"
 
@@ -151,6 +157,145 @@ TEST(FaultedRead, FailuresNeverChangeTheStoreNorShortenAWalk) {
     }
     EXPECT_GT(outcomes[T::Ok], 0);  // failures that a retry gets past
     EXPECT_GT(outcomes[T::Aborted] + outcomes[T::Failed], 0);
+}
+
+// The local file on a disk that misbehaves once, at the chosen call of one
+// kind, counted from the last arm(). A full disk takes half of a write and
+// refuses the rest (the next call, which the file makes at once).
+class DiskFile : public TagdbLocalFile {
+  public:
+    enum Fault { ShortWrite, InterruptedWrite, FullDisk, ShortRead, ReadError, CloseError };
+    static TagdbFile* newInstance() { return new (std::nothrow) DiskFile(); }
+    static void arm(Fault f, long at) {
+        fault = f, target = at, refuseNext = false;
+        writes = reads = closes = 0;
+    }
+    static inline long writes = 0, reads = 0, closes = 0;  // since the last arm()
+
+  protected:
+    long systemWrite(void const* buf, size_t size) override {
+        bool hit = ++writes == target;
+        if (refuseNext || (hit && fault == FullDisk && size < 2)) {
+            refuseNext = false;
+            return failWith(ENOSPC);
+        }
+        if (hit && fault == InterruptedWrite) return failWith(EINTR);
+        if (hit && (fault == ShortWrite || fault == FullDisk) && size > 1) {
+            refuseNext = fault == FullDisk;
+            return TagdbLocalFile::systemWrite(buf, size / 2);
+        }
+        return TagdbLocalFile::systemWrite(buf, size);
+    }
+    long systemRead(void* buf, size_t size) override {
+        bool hit = ++reads == target;
+        if (hit && fault == ReadError) return failWith(EIO);
+        if (hit && fault == ShortRead && size > 1) size /= 2;
+        return TagdbLocalFile::systemRead(buf, size);
+    }
+    int systemClose() override {
+        int closed = TagdbLocalFile::systemClose();
+        if (++closes == target && fault == CloseError) return failWith(EIO);
+        return closed;
+    }
+
+  private:
+    static long failWith(int error) {
+        errno = error;
+        return -1;
+    }
+    static inline Fault fault = ShortWrite;
+    static inline long target = 0;
+    static inline bool refuseNext = false;
+};
+
+class DiskFaultedCommit : public testing::Test {
+  protected:
+    void SetUp() override {
+        for (int i = 0; i < 12; ++i)
+            base["k" + std::to_string(100 + i).substr(1)] = "base";
+        fill(dir / "a", base, 3);
+        fill(dir / "b", base, 3);
+        before = snapshot(dir);
+        TempDir ref;
+        copyTo(ref);
+        Tagdb db(1, 3, DiskFile::newInstance);
+        openStore(db, ref / "a");
+        openStore(db, ref / "b");
+        DiskFile::arm(DiskFile::ShortWrite, 0);
+        ASSERT_EQ(transaction(db, ref, T::Update), T::Ok);
+        calls = {DiskFile::writes, DiskFile::reads, DiskFile::closes};
+        after = snapshot(ref);
+        for (char const* name : {"a", "b"}) {
+            Tagdb reader;
+            openStore(reader, ref / name);
+            ASSERT_EQ(reader.start(T::Deferred), T::Ok);
+            changed[name] = entries(reader);
+        }
+    }
+    void copyTo(TempDir const& work) {
+        for (auto const& [name, bytes] : before)
+            writeFile(work / name, bytes);
+    }
+    // Runs the transaction with `fault` at call `at`; returns its outcome
+    // after checking that the stores hold the old state or the new one, in
+    // their files and as a reader sees them.
+    T::Status runWith(DiskFile::Fault fault, long at) {
+        TempDir work;
+        copyTo(work);
+        T::Status st;
+        {
+            Tagdb db(1, 3, DiskFile::newInstance);
+            openStore(db, work / "a");
+            openStore(db, work / "b");
+            DiskFile::arm(fault, at);
+            st = transaction(db, work, T::Update);
+            DiskFile::arm(fault, 0);
+            if (db.inTransaction()) db.abort();  // a set or node load that failed
+        }
+        EXPECT_EQ(snapshot(work), st == T::Ok ? after : before);
+        for (char const* name : {"a", "b"})
+            checkStore(work, name, 3, st == T::Ok ? changed[name] : base, false);
+        return st;
+    }
+
+    TempDir dir;
+    Content base;
+    std::map<std::string, Content> changed;
+    std::map<std::string, Bytes> before, after;
+    std::vector<long> calls;  // writes, reads and closes of the transaction
+};
+
+TEST_F(DiskFaultedCommit, ShortTransfersAndInterruptionsChangeNothing) {
+    ASSERT_GT(calls[0], 4);  // the node files, the two indexes and version files
+    for (long k = 1; k <= calls[0] && !HasFailure(); ++k) {
+        SCOPED_TRACE("write " + std::to_string(k));
+        EXPECT_EQ(runWith(DiskFile::ShortWrite, k), T::Ok);
+        EXPECT_EQ(runWith(DiskFile::InterruptedWrite, k), T::Ok);
+    }
+    for (long k = 1; k <= calls[1] && !HasFailure(); ++k) {
+        SCOPED_TRACE("read " + std::to_string(k));
+        EXPECT_EQ(runWith(DiskFile::ShortRead, k), T::Ok);
+    }
+}
+
+TEST_F(DiskFaultedCommit, FullDiskAndIoErrorsKeepThePublishedVersion) {
+    std::map<T::Status, int> written, other;
+    for (long k = 1; k <= calls[0] && !HasFailure(); ++k) {
+        SCOPED_TRACE("write " + std::to_string(k));
+        written[runWith(DiskFile::FullDisk, k)]++;
+    }
+    // Reads and closes of files being read may fail and be retried.
+    for (long k = 1; k <= calls[1] && !HasFailure(); ++k) {
+        SCOPED_TRACE("read " + std::to_string(k));
+        other[runWith(DiskFile::ReadError, k)]++;
+    }
+    for (long k = 1; k <= calls[2] && !HasFailure(); ++k) {
+        SCOPED_TRACE("close " + std::to_string(k));
+        other[runWith(DiskFile::CloseError, k)]++;
+    }
+    EXPECT_EQ(written[T::Ok], 0);  // a lost write is never taken for a commit
+    EXPECT_GT(written[T::Aborted], 0);
+    EXPECT_GT(other[T::Aborted], 0);
 }
 
 }  // namespace
