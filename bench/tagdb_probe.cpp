@@ -7,8 +7,12 @@
 //            each node on its path from its file (cold node loads)
 //   commit   COUNT transactions that each replace one key (cache 1024)
 //   reopen   COUNT times: open the store anew, then 100 random reads
+//   bulk     COUNT times: all 100,000 keys into a new store in DIR/bulk,
+//            one transaction, which is then removed
 //
-// Prints the time per operation.
+// Prints the time per operation. With QK_PROBE_MANAGER=1 in the
+// environment the library's memory manager is created first, as a host
+// does at start-up; otherwise the library allocates from the C runtime.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +24,7 @@
 #include <vector>
 
 #include "Tagdb.h"
+#include "qkMemory.h"
 
 namespace {
 
@@ -93,13 +98,25 @@ void reopens(std::string const& name, int n) {
     }
 }
 
+void bulks(std::string const& dir, int n) {
+    for (int i = 0; i < n; ++i) {
+        std::string sub = dir + "/bulk";
+        std::filesystem::remove_all(sub);
+        std::filesystem::create_directories(sub);
+        build(sub + "/s");
+    }
+    std::filesystem::remove_all(dir + "/bulk");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: tagdb_probe DIR load|commit|reopen [COUNT]\n");
+        std::fprintf(stderr, "usage: tagdb_probe DIR load|commit|reopen|bulk [COUNT]\n");
         return 2;
     }
+    char const* manager = std::getenv("QK_PROBE_MANAGER");
+    if (manager && std::strcmp(manager, "1") == 0) qkMemory::setPassthru(0, nullptr);
     std::string dir = argv[1];
     std::filesystem::create_directories(dir);
     std::string name = dir + "/s";
@@ -112,6 +129,8 @@ int main(int argc, char** argv) {
         commits(name, n);
     } else if (std::strcmp(argv[2], "reopen") == 0) {
         reopens(name, n);
+    } else if (std::strcmp(argv[2], "bulk") == 0) {
+        bulks(dir, n);
     } else {
         std::fprintf(stderr, "tagdb_probe: unknown mode %s\n", argv[2]);
         return 2;
