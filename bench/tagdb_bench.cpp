@@ -21,6 +21,7 @@
 #include <lmdb.h>
 #include <sqlite3.h>
 
+#include <unistd.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -29,7 +30,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "Tagdb.h"

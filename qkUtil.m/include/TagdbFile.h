@@ -154,8 +154,8 @@ class QK_EXPORT TagdbLocalFile : public TagdbFile {
 
     unsigned char* stage;  // gathered writes, or the bytes read ahead
     int stageCapacity;
-    int stageUsed;      // bytes gathered, or read ahead
-    int stageNext;      // read: the next byte to hand out
-    int writeLost;      // gathered bytes failed to reach the file: close fails
-    long long offset;   // bytes moved between the file and the stage since open
+    int stageUsed;     // bytes gathered, or read ahead
+    int stageNext;     // read: the next byte to hand out
+    int writeLost;     // gathered bytes failed to reach the file: close fails
+    long long offset;  // bytes moved between the file and the stage since open
 };

@@ -31,6 +31,21 @@ union TagdbNodeValue {
     TagdbRecord* record;
 };
 
+// Search heads of a node whose keys are TagdbStringKeys: the eight bytes of
+// each key that follow the `prefixLength` bytes all the node's keys begin
+// with, read as one big-endian number, in an array of their own. Two keys
+// whose heads differ are ordered by their heads, so a binary search reads a
+// key's text only where the heads are equal. Kept by the tree wherever it
+// changes keys (qk::tagdb heads functions); `valid` 0 means the node is
+// searched through its keys alone.
+struct TagdbSearchHeads {
+    static constexpr int kPrefixMax = 32;
+    int valid;         // head[i] is the head of keys[i] for i < count - 1
+    int prefixLength;  // at most kPrefixMax
+    unsigned char prefix[kPrefixMax];
+    unsigned long long head[513];
+};
+
 class QK_EXPORT TagdbNode : public TagdbCommon {
   public:
     enum NodeType { Inner = 0, Leaf = 1 };
@@ -58,6 +73,7 @@ class QK_EXPORT TagdbNode : public TagdbCommon {
     int cached;    // the node is in its store's cache
     TagdbKey* keys[kSlots];
     TagdbNodeValue values[kSlots];
+    TagdbSearchHeads heads;
 };
 
 class QK_EXPORT TagdbNodeRef : public TagdbCommon {

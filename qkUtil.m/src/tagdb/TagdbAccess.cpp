@@ -5,19 +5,9 @@
 
 #include "Tagdb.h"
 #include "tagdb/TagdbBlob.h"
+#include "tagdb/TagdbNameKey.h"
 
-namespace {
-
-// A string key that points to the caller's text for the length of a call.
-class NameKey : public TagdbStringKey {
-  public:
-    explicit NameKey(char const* name) : TagdbStringKey(name) {}
-};
-
-// The bytes of a record the library made; other record types have none to
-// offer through these forms.
-
-}  // namespace
+using qk::tagdb::NameKey;
 
 TagdbCommon::Status Tagdb::usable() const {
     if (!current) return NotOpen;

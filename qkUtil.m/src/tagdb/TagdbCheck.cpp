@@ -7,6 +7,8 @@
 
 #include <cstdio>
 
+#include "tagdb/TagdbHeads.h"
+
 namespace qk::tagdb {
 
 namespace {
@@ -125,6 +127,7 @@ class Walker {
             }
             before = k;
         }
+        if (!qk::tagdb::headsAgree(n)) problem(name(n) + ": its search heads are stale");
         if (before && high && before->compare(high) >= 0) {
             problem(name(n) + ": key " + describe(before) + " is not below its separator " +
                     describe(high));

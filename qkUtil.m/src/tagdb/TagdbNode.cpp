@@ -6,6 +6,7 @@
 
 #include "TagdbKey.h"
 #include "TagdbStore.h"
+#include "tagdb/TagdbHeads.h"
 
 // ---- TagdbNode ------------------------------------------------------------
 
@@ -13,6 +14,7 @@ TagdbNode::TagdbNode(TagdbStore* s, long long nodeId)
     : store(s), type(Leaf), id(nodeId), level(1), count(0), refCount(0), modified(0), cached(0) {
     std::memset(keys, 0, sizeof keys);
     std::memset(values, 0, sizeof values);
+    qk::tagdb::resetHeads(this);
 }
 
 TagdbNode::~TagdbNode() {
@@ -27,6 +29,7 @@ void TagdbNode::clear() {
         values[i].id = 0;
     }
     count = 0;
+    qk::tagdb::resetHeads(this);
 }
 
 // ---- TagdbNodeRef ---------------------------------------------------------

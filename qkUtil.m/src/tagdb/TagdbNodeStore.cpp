@@ -11,6 +11,7 @@
 #include <new>
 
 #include "Tagdb.h"
+#include "tagdb/TagdbHeads.h"
 #include "qkMemory.h"
 
 namespace {
@@ -68,6 +69,7 @@ TagdbCommon::Status TagdbStore::readNode(TagdbNode* node) {
     disorderRefused = whole && !entriesInOrder(node);
     if (whole && !disorderRefused) {
         ++nodeReads;
+        qk::tagdb::rebuildHeads(node);
         return Ok;
     }
     node->clear();

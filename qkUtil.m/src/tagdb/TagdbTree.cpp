@@ -11,12 +11,14 @@
 #include <utility>
 
 #include "Tagdb.h"
+#include "tagdb/TagdbHeads.h"
 
 int TagdbStore::search(TagdbNode* n, TagdbKey& key, int tie, int& found) {
     int low = 0, high = n->count - 2;  // the last entry's key is never compared
+    qk::tagdb::HeadProbe probe = qk::tagdb::probeHeads(n, key);
     while (low <= high) {
         int mid = (low + high + 1) / 2;
-        int c = key.compare(n->keys[mid]);
+        int c = qk::tagdb::compareAt(n, probe, key, mid);
         if (c == 0) c = tie;
         if (c == 0) {
             found = 1;
@@ -166,6 +168,7 @@ TagdbCommon::Status TagdbStore::insertEntry(TagdbNode* x, int i, TagdbKey* key, 
     x->keys[i] = key;
     x->values[i].id = value;
     ++x->count;
+    qk::tagdb::headsInserted(x, i);
     markModified(x);
     if (x->count <= owner->maxEntries) {
         if (ref) ref->dup(x, i);
@@ -199,6 +202,8 @@ TagdbCommon::Status TagdbStore::splitNode(TagdbNode* x, int i, TagdbNodeRef* ref
     sep = x->keys[half];
     x->keys[half] = nullptr;
     x->count = half + 1;
+    qk::tagdb::rebuildHeads(x);
+    qk::tagdb::rebuildHeads(y);
     markModified(x);
     markModified(y);
     if (ref) {
@@ -237,6 +242,7 @@ TagdbCommon::Status TagdbStore::growRoot(TagdbNode* oldRoot, TagdbKey* sep, Tagd
     root->values[0].id = movedId;
     root->keys[1] = nullptr;
     root->values[1].id = sibling->id;
+    qk::tagdb::rebuildHeads(root);
     markModified(oldRoot);
     markModified(root);
     if (cacheInsert(oldRoot) != Ok || cacheInsert(root) != Ok) {
@@ -307,6 +313,7 @@ TagdbCommon::Status TagdbNodeRef::remove() {
     --n->count;
     n->keys[n->count] = nullptr;
     n->values[n->count].id = 0;
+    qk::tagdb::headsRemoved(n, i);
     return self.update();
 }
 
@@ -330,6 +337,8 @@ TagdbCommon::Status TagdbNodeRef::remove(TagdbNodeRef& parentRef) {
         // the record being deleted.
         std::swap(p->keys[parent.index], l->keys[i - 1]);
         std::swap(l->values[i - 1], l->values[i]);
+        qk::tagdb::headsChanged(p, parent.index);
+        qk::tagdb::headsChanged(l, i - 1);
         store->markModified(p);
         leaf.index = i - 1;
         if (leaf.remove() != Ok) return Failed;
