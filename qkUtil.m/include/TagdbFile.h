@@ -147,7 +147,8 @@ class QK_EXPORT TagdbLocalFile : public TagdbFile {
   private:
     Status drain();
     Status writeThrough(void const* buf, int size);
-    Status fill();
+    int fillSize();
+    Status readInto(void* buf, int size, int& got);
     bool reserve(int size);
     void resetStage();
     void copyStage(TagdbLocalFile const& other);

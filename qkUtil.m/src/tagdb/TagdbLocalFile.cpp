@@ -186,8 +186,14 @@ TagdbCommon::Status TagdbLocalFile::read(void* buf, int size, int& got) {
     got = 0;
     if (!isOpen() || size <= 0) return Failed;
     if (stageNext >= stageUsed) {
-        Status st = fill();
-        if (st != Ok || stageUsed == 0) return st;  // stageUsed 0: interrupted every time
+        // Without memory for a stage the file is read as asked, piece by piece.
+        if (!reserve(kStageSize)) return readInto(buf, size, got);
+        stageUsed = stageNext = 0;
+        Status st = readInto(stage, fillSize(), stageUsed);
+        if (st != Ok || stageUsed <= 0) {
+            stageUsed = 0;
+            return st;  // Ok with nothing read: interrupted every time
+        }
     }
     got = stageUsed - stageNext < size ? stageUsed - stageNext : size;
     std::memcpy(buf, stage + stageNext, static_cast<size_t>(got));
@@ -195,30 +201,32 @@ TagdbCommon::Status TagdbLocalFile::read(void* buf, int size, int& got) {
     return Ok;
 }
 
-// Reads ahead as much of the file as the stage takes. The first piece of a
-// file fills the stage as it is, which holds most files whole; a file that
-// goes on beyond it is sized with fstat, and the stage grown to take the
-// rest (up to kStageLimit at a time).
-TagdbCommon::Status TagdbLocalFile::fill() {
-    stageUsed = stageNext = 0;
-    int want = stageCapacity > kStageSize ? stageCapacity : kStageSize;
+// How much to read ahead. The first piece of a file fills the stage as it
+// is, which holds most files whole; a file that goes on beyond it is sized
+// with fstat, and the stage grown to take the rest (up to kStageLimit at a
+// time).
+int TagdbLocalFile::fillSize() {
     if (offset > 0) {
-        long long size = plat::fileSize(descriptor);
-        long long rest = size - offset;
-        if (rest > want) want = rest < kStageLimit ? static_cast<int>(rest) : kStageLimit;
+        long long rest = plat::fileSize(descriptor) - offset;
+        int want = rest < kStageLimit ? static_cast<int>(rest) : kStageLimit;
+        reserve(want);  // without the memory, the stage as it is
     }
-    if (!reserve(want) && !reserve(kStageSize)) return Failed;
+    return stageCapacity;
+}
+
+// One read of at most `size` bytes into buf: interruptions are retried, at
+// most kAttempts times in all, after which it is Ok with the last count,
+// which the buffered reader takes as the end of the file.
+TagdbCommon::Status TagdbLocalFile::readInto(void* buf, int size, int& got) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        long n = systemRead(stage, static_cast<size_t>(stageCapacity));
+        long n = systemRead(buf, static_cast<size_t>(size));
+        got = static_cast<int>(n);
         if (n > 0) {
-            stageUsed = static_cast<int>(n);
             offset += n;
             return Ok;
         }
         if (n == 0 || errno != EINTR) return Failed;  // end of file or a real error
     }
-    // Interrupted every time: Ok with nothing read, which the buffered
-    // reader takes as the end of the file.
     return Ok;
 }
 
