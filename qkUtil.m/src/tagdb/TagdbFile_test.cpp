@@ -4,8 +4,11 @@
 // file's time-out. Key order and prefix match are checked against std::string
 // by the tree model; the key and record readers on damaged node files.
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <chrono>
+#include <cstring>
+#include <random>
 #include <tuple>
 #include <vector>
 
@@ -20,10 +23,12 @@ struct SwappingFile : TagdbLocalFile {
     void setSwap() { swapBytes = True; }
 };
 
-// Records the sizes of the buffer's writes and counts the system's.
+// Records the sizes of the buffer's writes and counts the system's reads
+// and writes; with `halfReads`, the disk hands out half of what is asked.
 struct RecordingFile : TagdbLocalFile {
     std::vector<int> writes;
-    int systemWrites = 0;
+    int systemWrites = 0, systemReads = 0;
+    bool halfReads = false;
     Status write(void const* buf, int size) override {
         writes.push_back(size);
         return TagdbLocalFile::write(buf, size);
@@ -31,6 +36,10 @@ struct RecordingFile : TagdbLocalFile {
     long systemWrite(void const* buf, size_t size) override {
         ++systemWrites;
         return TagdbLocalFile::systemWrite(buf, size);
+    }
+    long systemRead(void* buf, size_t size) override {
+        ++systemReads;
+        return TagdbLocalFile::systemRead(buf, halfReads && size > 1 ? size / 2 : size);
     }
 };
 
@@ -124,6 +133,66 @@ TEST(TagdbFile, FullBufferWaitsForCloseAndShortFilesFail) {
         EXPECT_STREQ(ok ? s : "xyz", "xyz");
         qkFree(const_cast<char*>(s), __FILE__, __LINE__);
     }
+}
+
+// Files of every size around the local file's stage (128 KiB kept between
+// files, 1 MiB the most gathered or read ahead at once), written as byte
+// runs of mixed sizes: on disk they are exactly the runs' stored form, put
+// there in one write per MiB; they read back whole in a few reads, also
+// from a disk that hands out half of every read; and a shorter file written
+// over one of them leaves nothing of its tail.
+TEST(TagdbLocalFile, FilesOfAnySizePassTheStageInFewCalls) {
+    TempDir dir;
+    std::string const path = dir / "f";
+    std::mt19937 rng(5);
+    constexpr int kMiB = 1 << 20;
+    for (int total : {1, 131068, 131072, 131077, kMiB - 1, kMiB, kMiB + 1, 3 * kMiB + 11}) {
+        SCOPED_TRACE("about " + std::to_string(total) + " bytes");
+        std::vector<Bytes> runs;
+        Bytes want;
+        for (size_t size = 0; size < static_cast<size_t>(total);) {
+            size_t n =
+                std::min<size_t>(total - size, std::array{1, 9, 511, 4096, 70000}[rng() % 5]);
+            Bytes run(n);
+            for (auto& b : run)
+                b = static_cast<unsigned char>(rng());
+            Bytes stored = cat({le(static_cast<long long>(n), 4), run});
+            want.insert(want.end(), stored.begin(), stored.end());
+            runs.push_back(std::move(run));
+            size += n;
+        }
+        RecordingFile out;
+        ASSERT_EQ(out.open(path.c_str(), T::WriteMode), T::Ok);
+        for (Bytes const& run : runs)
+            ASSERT_EQ(out.writeBytes(run.data(), static_cast<int>(run.size())), T::Ok);
+        ASSERT_EQ(out.close(), T::Ok);
+        ASSERT_EQ(readFile(path), want);
+        EXPECT_LE(out.systemWrites, static_cast<int>(want.size() / kMiB) + 1);
+        for (bool half : {false, true}) {
+            RecordingFile in;
+            in.halfReads = half;
+            ASSERT_EQ(in.open(path.c_str(), T::ReadMode), T::Ok);
+            for (Bytes const& run : runs) {
+                void const* p = nullptr;
+                int n = 0;
+                ASSERT_EQ(in.readBytes(p, n), T::Ok);
+                EXPECT_TRUE(n == static_cast<int>(run.size()) &&
+                            std::memcmp(p, run.data(), run.size()) == 0);
+                qkFree(const_cast<void*>(p), __FILE__, __LINE__);
+            }
+            unsigned char end;
+            EXPECT_EQ(in.readByte(end), T::Failed);
+            EXPECT_EQ(in.close(), T::Ok);
+            if (!half) {
+                EXPECT_LE(in.systemReads, static_cast<int>(want.size() / kMiB) + 3);
+            }
+        }
+    }
+    TagdbLocalFile over;
+    ASSERT_EQ(over.open(path.c_str(), T::WriteMode), T::Ok);
+    ASSERT_EQ(over.writeInteger(7), T::Ok);
+    ASSERT_EQ(over.close(), T::Ok);
+    EXPECT_EQ(readFile(path), le(7, 4));
 }
 
 // CreateMode writes only into a file it makes: over an existing one (even
