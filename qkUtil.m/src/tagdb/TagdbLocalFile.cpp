@@ -169,10 +169,10 @@ void TagdbLocalFile::resetStage() {
 // Grows the stage to hold `size` bytes, keeping what it holds.
 bool TagdbLocalFile::reserve(int size) {
     if (size <= stageCapacity) return true;
+    if (size > kStageLimit) return false;
     int capacity = stageCapacity > 0 ? stageCapacity : kStageSize;
     while (capacity < size)
-        capacity = capacity < kStageLimit / 2 ? capacity * 2 : kStageLimit;
-    if (capacity < size) return false;
+        capacity = capacity <= kStageLimit / 2 ? capacity * 2 : kStageLimit;
     void* grown = qkRealloc(stage, static_cast<size_t>(capacity), __FILE__, __LINE__);
     if (!grown) return false;
     stage = static_cast<unsigned char*>(grown);
