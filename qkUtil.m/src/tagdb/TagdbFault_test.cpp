@@ -31,14 +31,20 @@ T::Status transaction(Tagdb& db, TempDir const& dir, T::TransMode mode) {
     return st == T::Ok ? db.commit() : st;
 }
 
+// The two stores a commit sweep starts from: 12 keys in nodes of 3 entries.
+Content fillBoth(TempDir const& dir) {
+    Content keys;
+    for (int i = 0; i < 12; ++i)
+        keys["k" + std::to_string(100 + i).substr(1)] = "base";
+    fill(dir / "a", keys, 3);
+    fill(dir / "b", keys, 3);
+    return keys;
+}
+
 class FaultedCommit : public testing::TestWithParam<T::TransMode> {
   protected:
     void SetUp() override {
-        Content keys;
-        for (int i = 0; i < 12; ++i)
-            keys["k" + std::to_string(100 + i).substr(1)] = "base";
-        fill(base / "a", keys, 3);
-        fill(base / "b", keys, 3);
+        fillBoth(base);
         before = snapshot(base);
         TempDir ref;
         Tagdb db(1, 3, FaultFile::newInstance);
@@ -211,10 +217,7 @@ class DiskFile : public TagdbLocalFile {
 class DiskFaultedCommit : public testing::Test {
   protected:
     void SetUp() override {
-        for (int i = 0; i < 12; ++i)
-            base["k" + std::to_string(100 + i).substr(1)] = "base";
-        fill(dir / "a", base, 3);
-        fill(dir / "b", base, 3);
+        base = fillBoth(dir);
         before = snapshot(dir);
         TempDir ref;
         copyTo(ref);
