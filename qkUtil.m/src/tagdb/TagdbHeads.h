@@ -7,9 +7,8 @@
 // same result.
 #pragma once
 
+#include "TagdbKey.h"
 #include "TagdbNode.h"
-
-class TagdbKey;
 
 namespace qk::tagdb {
 
@@ -33,20 +32,16 @@ HeadProbe probeHeads(TagdbNode const* n, TagdbKey& key);
 
 // The order of key (as probed) and keys[i]: -1, 0 or 1, as key.compare would
 // give it.
-inline int compareAt(TagdbNode* n, HeadProbe const& probe, TagdbKey& key, int i);
-
-// Whether every valid head of n is what rebuildHeads would compute for its
-// prefix (for the tree check).
-bool headsAgree(TagdbNode const* n);
-
-}  // namespace qk::tagdb
-
-#include "TagdbKey.h"
-
-inline int qk::tagdb::compareAt(TagdbNode* n, HeadProbe const& probe, TagdbKey& key, int i) {
+inline int compareAt(TagdbNode* n, HeadProbe const& probe, TagdbKey& key, int i) {
     if (probe.usable) {
         unsigned long long h = n->heads.head[i];
         if (probe.head != h) return probe.head < h ? -1 : 1;
     }
     return key.compare(n->keys[i]);
 }
+
+// Whether every valid head of n is what rebuildHeads would compute for its
+// prefix (for the tree check).
+bool headsAgree(TagdbNode const* n);
+
+}  // namespace qk::tagdb
